@@ -1,0 +1,23 @@
+// Configuration unit: the protection configuration file parser, its hex
+// conversion, and the file size query.  All messages go to standard output.
+#pragma once
+
+#include <cstdint>
+
+#include "ZirnImgProt.h"
+
+// Reads the configuration file at path into *param (which the caller has
+// zeroed).  Uses a static line buffer: one parse at a time.
+// Returns 0; -1 null path or param; -2 open failed; -3 close failed
+// (overrides any other result); -4 IMG_VER, -5 ENC_PARAM, -6 DEC_PARAM,
+// -7 AUTH_PARAM_N, -8 AUTH_PARAM_D value failed to convert.
+int32_t iProcZIRNImgProtCfgFileV10(const char *path, ImgProtParam *param);
+
+// Converts "0x" + 2*len hex digits of str into len bytes at buf (first pair
+// first); characters after them are ignored.  Unit-internal; declared here
+// for the tests.  Returns 0; -1 null str / buf or len < 0; -2 first char not
+// '0'; -3 second char not 'x'/'X'; -4 bad digit (bytes before it stay).
+int32_t iConvHexStrToValBuf(const char *str, uint8_t *buf, int32_t len);
+
+// Size of the file at path, or 0 for an empty file and for every failure.
+uint32_t ui4GetFileSz(const char *path);
