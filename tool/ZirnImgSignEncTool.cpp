@@ -1,1 +1,149 @@
-int main() { return 0; }
+// ZirnImgSignEnTool: turns a plain zirn image into a protected image
+// (encrypted, signed, self-verified, with header).  Exit status 0 on success,
+// 255 on any failure; all messages go to standard output.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ZirnImgProt.h"
+#include "ZirnImgProtCfgFileProc.h"
+
+namespace {
+
+void vPrintUsage()
+{
+    printf("Usage: ZirnImgSignEnTool [cfg] [in] [out] [sz]\n");
+    printf("       [cfg]: configuration file for zirn image protection\n");
+    printf("       [in]:  plain zirn image binary file\n");
+    printf("       [out]: protected zirn image binary file with header\n");
+    printf("       [sz]:  the required external memory size (hex notation, 0x????????, <= "
+           "0xFFFFFFFF) by zirn image\n");
+}
+
+void vPrintInfo()
+{
+    // The build's own type widths (8 for long on a 64-bit host).
+    printf("Info\n");
+    printf("hdr size = %d\n", int(sizeof(ImgProtHdr)));
+    printf("sizeof(long) = %d\n", int(sizeof(long)));
+    printf("sizeof(long long) = %d\n", int(sizeof(long long)));
+    printf("sizeof(int) = %d\n", int(sizeof(int)));
+}
+
+// Validates the [sz] argument and stores it in ext_mem_size.  At most ten
+// characters after the mandatory 0x keeps the value within 32 bits; what
+// follows the hex digits is not checked.
+int32_t iSetExtMemSize(ImgProtParam *param, const char *arg)
+{
+    uint32_t ext_mem_size = 0;
+    if (arg == nullptr) {
+        printf("Error: NULL string for external memory size\n");
+    } else if (arg[0] != '0' || (arg[1] != 'x' && arg[1] != 'X') || strlen(arg) > 10) {
+        printf("Error: wrong string format (%s) for external memory size\n", arg);
+        printf("       string format should be 0x???????? (<= 0xffffffff)\n");
+    } else {
+        ext_mem_size = uint32_t(strtoul(arg, nullptr, 16));
+    }
+    vPutLE32(param->hdr.ext_mem_size, ext_mem_size);
+    if (ext_mem_size == 0) {
+        printf("Error: incorrect external memory requirement (hex: %s, %d, 0x%08x) !!!\n",
+               arg != nullptr ? arg : "(null)", 0, 0u);
+        return -1;
+    }
+    printf("The required external memory size by ZIRN image is hex: %s (%d, 0x%08x) !!!\n", arg,
+           int32_t(ext_mem_size), ext_mem_size);
+    return 0;
+}
+
+// Reads the n-byte image into a fresh buffer of the padded size p (the tail
+// is left for the pipeline to zero).  Returns the buffer, or null after
+// printing the failure.
+uint8_t *pucReadImage(const char *in_path, uint32_t n, uint32_t p)
+{
+    FILE *fp = fopen(in_path, "r");
+    if (fp == nullptr) {
+        printf("Error: fail to open zirn image binary file (%s)\n", in_path);
+        return nullptr;
+    }
+    uint8_t *img = static_cast<uint8_t *>(malloc(p));
+    if (img == nullptr) {
+        printf("Error: fail to allocate memory for zirn image binary file\n");
+        if (fclose(fp) != 0) printf("Error: fail to close zirn image binary file (%s)\n", in_path);
+        return nullptr;
+    }
+    if (fread(img, 1, n, fp) != n) {
+        printf("Error: fail to read data (%d) from zirn image binary file (%s)\n", int(n), in_path);
+        free(img);
+        if (fclose(fp) != 0) printf("Error: fail to close zirn image binary file (%s)\n", in_path);
+        return nullptr;
+    }
+    if (fclose(fp) != 0) {
+        free(img);
+        printf("Error: fail to close zirn image binary file (%s)\n", in_path);
+        return nullptr;
+    }
+    return img;
+}
+
+// Kept reachable until exit: on success the image buffer is released by the
+// process exit, not by free, and must not count as a leak.
+uint8_t *g_pucImg = nullptr;
+
+int iRun(int argc, char *argv[])
+{
+    if (argc != 5) {
+        vPrintUsage();
+        return -1;
+    }
+    const char *cfg_path = argv[1];
+    const char *in_path = argv[2];
+    const char *out_path = argv[3];
+
+    vPrintInfo();
+
+    ImgProtParam param;
+    memset(&param, 0, sizeof param);
+    memcpy(param.hdr.magic, ZIRN_IMG_MAGIC, sizeof param.hdr.magic);
+    vPutLE32(param.hdr.hdr_size, ZIRN_HDR_SIZE);
+
+    if (iSetExtMemSize(&param, argv[4]) != 0) return -1;
+    const uint32_t ext_mem_size = ui4GetLE32(param.hdr.ext_mem_size);
+
+    printf("Start to process zirn img prot cfg file (%s) !!!\n", cfg_path);
+    if (iProcZIRNImgProtCfgFileV10(cfg_path, &param) != 0) {
+        printf("Error: fail to process zirn img prot cfg file (%s) !!!\n", cfg_path);
+        return -1;
+    }
+    printf("Succeed to process zirn img prot cfg file (%s) !!!\n", cfg_path);
+
+    printf("Star to protect zirn image binary file (%s)!!!\n", in_path);
+    const uint32_t n = ui4GetFileSz(in_path);
+    if (n == 0) {
+        printf("Error: file of zirn image binary file (%s) is 0\n", in_path);
+        return -1;
+    }
+    // Computed wide so that a size near 4 GiB cannot wrap to a small buffer.
+    const uint64_t p = (uint64_t(n) + 15) & ~uint64_t(15);
+    if (ext_mem_size < p) {
+        printf("Error: the required external memory size (%d) should be larger than the size (%d) "
+               "of the encrypted zirn image\n",
+               int32_t(ext_mem_size), int32_t(uint32_t(p)));
+        return -1;
+    }
+
+    uint8_t *img = pucReadImage(in_path, n, uint32_t(p));
+    if (img == nullptr) return -1;
+    if (iProtZIRNImgV10(&param, img, n, out_path) != 0) {
+        free(img);
+        printf("Error: fail to protect zirn image binary file (%s)\n", in_path);
+        return -1;
+    }
+    g_pucImg = img;
+    printf("Succeed to protect zirn image binary file (%s -> %s)!!!\n", in_path, out_path);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char *argv[]) { return iRun(argc, argv); }
