@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Times the whole tool against the same job done with the openssl command
+# (pad, AES-128-CBC encryption, header + ciphertext, SHA-256 + RSA-PSS signing
+# and verification) on 1, 16 and 64 MiB images, alternating the two, and
+# reports medians, the ratio and peak memory (max RSS of the tool).
+#
+#   bench/bench_tool.sh [rounds]        (default 7 rounds per size)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+rounds=${1:-7}
+
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_BUILD_TESTS=OFF >/dev/null
+cmake --build build-bench --target ZirnImgSignEnTool >/dev/null
+tool=$PWD/build-bench/tool/ZirnImgSignEnTool
+cfg=$PWD/example/dev_zirn_img_prot.NOT_FOR_PRODUCTION.cfg
+key=$PWD/example/dev_key.NOT_FOR_PRODUCTION.pem
+enc=$(awk '$1 == "ENC_PARAM" {print substr($3, 3)}' "$cfg")
+iv=${enc:0:32}
+aeskey=${enc:32:32}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+openssl rsa -in "$key" -pubout -out "$work/pub.pem" 2>/dev/null
+head -c 576 /dev/zero > "$work/hdr"
+
+openssl_job() {  # in out
+  local in=$1 out=$2
+  cp "$in" "$work/padded"
+  truncate -s $(( ($(stat -c %s "$in") + 15) / 16 * 16 )) "$work/padded"
+  openssl enc -aes-128-cbc -K "$aeskey" -iv "$iv" -nopad -in "$work/padded" -out "$work/ct"
+  cat "$work/hdr" "$work/ct" > "$out"
+  openssl dgst -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32 \
+    -sigopt rsa_mgf1_md:sha256 -sign "$key" -out "$work/sig" "$out"
+  openssl dgst -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32 \
+    -sigopt rsa_mgf1_md:sha256 -verify "$work/pub.pem" -signature "$work/sig" "$out" >/dev/null
+  dd if="$work/sig" of="$out" bs=1 seek=316 conv=notrunc status=none
+}
+export -f openssl_job
+export work aeskey iv key
+
+printf '%-7s %12s %12s %7s %14s %14s\n' size tool_s openssl_s ratio tool_peak_MiB padded_MiB
+for mib in 1 16 64; do
+  in=$work/img_$mib
+  head -c $((mib * 1024 * 1024 - 5)) /dev/urandom > "$in"
+  : > "$work/t_tool"; : > "$work/t_ossl"; : > "$work/rss"
+  for ((r = 0; r < rounds; r++)); do
+    /usr/bin/time -f '%e %M' -o "$work/tt" "$tool" "$cfg" "$in" "$work/out_tool" 0x10000000 >/dev/null
+    read -r secs rss < "$work/tt"; echo "$secs" >> "$work/t_tool"; echo "$rss" >> "$work/rss"
+    /usr/bin/time -f '%e' -o "$work/to" bash -c 'openssl_job "$0" "$1"' "$in" "$work/out_ossl"
+    cat "$work/to" >> "$work/t_ossl"
+  done
+  python3 - "$mib" "$work" "$in" <<'PY'
+import os, statistics, sys
+mib, work, img = sys.argv[1], sys.argv[2], sys.argv[3]
+tool = statistics.median(float(x) for x in open(f"{work}/t_tool"))
+ossl = statistics.median(float(x) for x in open(f"{work}/t_ossl"))
+rss = max(int(x) for x in open(f"{work}/rss")) / 1024
+padded = ((os.path.getsize(img) + 15) // 16 * 16) / 2**20
+print(f"{mib + ' MiB':<7} {tool:12.3f} {ossl:12.3f} {tool / ossl:7.2f} {rss:14.1f} {padded:14.1f}")
+PY
+done
