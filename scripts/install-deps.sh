@@ -3,7 +3,7 @@
 # GoogleTest, Google Benchmark, OpenSSL headers (test oracle only) and the
 # JSON reader the tests use for the published vector files.
 set -euo pipefail
-pkgs=(cmake g++ libgtest-dev libbenchmark-dev libssl-dev openssl nlohmann-json3-dev)
+pkgs=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libssl-dev openssl nlohmann-json3-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
