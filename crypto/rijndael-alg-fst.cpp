@@ -1,0 +1,538 @@
+// AES in the 32-bit table-driven form (128/192/256-bit keys), the AES-128
+// single-block, CBC and CTR operations, and the predefined-key data
+// encryption.
+//
+// The ten look-up tables are computed by the compiler from the S-box
+// definition (inverse in GF(2^8), then the affine map), so they are constant
+// data in the binary with no start-up initialisation and no literal tables to
+// mistype.
+
+#include "rijndael-alg-fst.h"
+
+#include <array>
+#include <cstring>
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Compile-time tables
+
+using Table = std::array<uint32_t, 256>;
+
+constexpr uint8_t xtime(uint8_t a) { return uint8_t((a << 1) ^ ((a & 0x80) ? 0x1b : 0x00)); }
+
+// Multiplication in GF(2^8) modulo x^8 + x^4 + x^3 + x + 1.
+constexpr uint8_t gmul(uint8_t a, uint8_t b)
+{
+    uint8_t r = 0;
+    while (b != 0) {
+        if (b & 1) r ^= a;
+        a = xtime(a);
+        b >>= 1;
+    }
+    return r;
+}
+
+// Multiplicative inverse as a^254 (maps 0 to 0, as the S-box definition wants).
+constexpr uint8_t ginv(uint8_t a)
+{
+    uint8_t result = 1, base = a;
+    for (unsigned e = 254; e != 0; e >>= 1) {
+        if (e & 1) result = gmul(result, base);
+        base = gmul(base, base);
+    }
+    return result;
+}
+
+constexpr uint8_t rotl8(uint8_t x, unsigned n) { return uint8_t((x << n) | (x >> (8 - n))); }
+
+constexpr std::array<uint8_t, 256> make_sbox()
+{
+    std::array<uint8_t, 256> s{};
+    for (unsigned x = 0; x < 256; x++) {
+        uint8_t b = ginv(uint8_t(x));
+        s[x] = uint8_t(b ^ rotl8(b, 1) ^ rotl8(b, 2) ^ rotl8(b, 3) ^ rotl8(b, 4) ^ 0x63);
+    }
+    return s;
+}
+
+constexpr std::array<uint8_t, 256> kS = make_sbox();
+
+constexpr std::array<uint8_t, 256> make_inv_sbox()
+{
+    std::array<uint8_t, 256> si{};
+    for (unsigned x = 0; x < 256; x++) si[kS[x]] = uint8_t(x);
+    return si;
+}
+
+constexpr std::array<uint8_t, 256> kSi = make_inv_sbox();
+
+constexpr uint32_t word(uint8_t b0, uint8_t b1, uint8_t b2, uint8_t b3)
+{
+    return uint32_t(b0) << 24 | uint32_t(b1) << 16 | uint32_t(b2) << 8 | uint32_t(b3);
+}
+
+constexpr uint32_t rotr32(uint32_t x, unsigned n) { return n == 0 ? x : (x >> n) | (x << (32 - n)); }
+
+// Column of the forward (02, 01, 01, 03) resp. inverse (0e, 09, 0d, 0b)
+// MixColumns matrix applied to S[x] resp. Si[x], rotated right by rot bits.
+constexpr Table make_te(unsigned rot)
+{
+    Table t{};
+    for (unsigned x = 0; x < 256; x++) {
+        uint8_t s = kS[x];
+        t[x] = rotr32(word(gmul(s, 2), s, s, gmul(s, 3)), rot);
+    }
+    return t;
+}
+
+constexpr Table make_td(unsigned rot)
+{
+    Table t{};
+    for (unsigned x = 0; x < 256; x++) {
+        uint8_t s = kSi[x];
+        t[x] = rotr32(word(gmul(s, 0x0e), gmul(s, 0x09), gmul(s, 0x0d), gmul(s, 0x0b)), rot);
+    }
+    return t;
+}
+
+constexpr Table make_replicated(const std::array<uint8_t, 256> &box)
+{
+    Table t{};
+    for (unsigned x = 0; x < 256; x++) t[x] = word(box[x], box[x], box[x], box[x]);
+    return t;
+}
+
+constexpr Table Te0 = make_te(0), Te1 = make_te(8), Te2 = make_te(16), Te3 = make_te(24);
+constexpr Table Te4 = make_replicated(kS);
+constexpr Table Td0 = make_td(0), Td1 = make_td(8), Td2 = make_td(16), Td3 = make_td(24);
+constexpr Table Td4 = make_replicated(kSi);
+
+// Anchors from FIPS-197 and the documented first entries: a wrong field
+// polynomial or affine constant fails the build, not a test run.
+static_assert(kS[0x00] == 0x63 && kS[0x53] == 0xed && kS[0xff] == 0x16);
+static_assert(kSi[0x00] == 0x52 && kSi[0xed] == 0x53);
+static_assert(Te0[0] == 0xc66363a5u && Te1[0] == 0xa5c66363u && Te3[0] == 0x6363a5c6u);
+static_assert(Te4[0] == 0x63636363u);
+static_assert(Td0[0] == 0x51f4a750u && Td1[0] == 0x5051f4a7u);
+static_assert(Td4[0] == 0x52525252u);
+
+// ---------------------------------------------------------------------------
+// Block helpers
+
+inline uint32_t load_be32(const uint8_t *p)
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+}
+
+inline void store_be32(uint8_t *p, uint32_t v)
+{
+    p[0] = uint8_t(v >> 24);
+    p[1] = uint8_t(v >> 16);
+    p[2] = uint8_t(v >> 8);
+    p[3] = uint8_t(v);
+}
+
+inline void xor_block(uint8_t *dst, const uint8_t *a, const uint8_t *b)
+{
+    for (int i = 0; i < 16; i++) dst[i] = uint8_t(a[i] ^ b[i]);
+}
+
+constexpr unsigned B0(uint32_t w) { return w >> 24; }
+constexpr unsigned B1(uint32_t w) { return (w >> 16) & 0xff; }
+constexpr unsigned B2(uint32_t w) { return (w >> 8) & 0xff; }
+constexpr unsigned B3(uint32_t w) { return w & 0xff; }
+
+// SubWord(RotWord(w)): S of bytes 1, 2, 3, 0 of w.
+inline uint32_t sub_rot_word(uint32_t w)
+{
+    return (Te4[B1(w)] & 0xff000000u) ^ (Te4[B2(w)] & 0x00ff0000u) ^ (Te4[B3(w)] & 0x0000ff00u) ^
+           (Te4[B0(w)] & 0x000000ffu);
+}
+
+// SubWord(w) without rotation (the extra step of 256-bit keys).
+inline uint32_t sub_word(uint32_t w)
+{
+    return (Te4[B0(w)] & 0xff000000u) ^ (Te4[B1(w)] & 0x00ff0000u) ^ (Te4[B2(w)] & 0x0000ff00u) ^
+           (Te4[B3(w)] & 0x000000ffu);
+}
+
+// The 128-bit expansion once words 0..3 are loaded; the ten steps are
+// written out with their round constants.
+inline void expand128(uint32_t *rk)
+{
+#define AES_STEP128(i, rcon)                                                   \
+    rk[4 * (i) + 4] = rk[4 * (i)] ^ sub_rot_word(rk[4 * (i) + 3]) ^ (rcon);    \
+    rk[4 * (i) + 5] = rk[4 * (i) + 1] ^ rk[4 * (i) + 4];                       \
+    rk[4 * (i) + 6] = rk[4 * (i) + 2] ^ rk[4 * (i) + 5];                       \
+    rk[4 * (i) + 7] = rk[4 * (i) + 3] ^ rk[4 * (i) + 6]
+    AES_STEP128(0, 0x01000000u);
+    AES_STEP128(1, 0x02000000u);
+    AES_STEP128(2, 0x04000000u);
+    AES_STEP128(3, 0x08000000u);
+    AES_STEP128(4, 0x10000000u);
+    AES_STEP128(5, 0x20000000u);
+    AES_STEP128(6, 0x40000000u);
+    AES_STEP128(7, 0x80000000u);
+    AES_STEP128(8, 0x1b000000u);
+    AES_STEP128(9, 0x36000000u);
+#undef AES_STEP128
+}
+
+inline void expand192(uint32_t *rk)
+{
+#define AES_STEP192_HEAD(i, rcon)                                              \
+    rk[6 * (i) + 6] = rk[6 * (i)] ^ sub_rot_word(rk[6 * (i) + 5]) ^ (rcon);    \
+    rk[6 * (i) + 7] = rk[6 * (i) + 1] ^ rk[6 * (i) + 6];                       \
+    rk[6 * (i) + 8] = rk[6 * (i) + 2] ^ rk[6 * (i) + 7];                       \
+    rk[6 * (i) + 9] = rk[6 * (i) + 3] ^ rk[6 * (i) + 8]
+#define AES_STEP192(i, rcon)                                                   \
+    AES_STEP192_HEAD(i, rcon);                                                 \
+    rk[6 * (i) + 10] = rk[6 * (i) + 4] ^ rk[6 * (i) + 9];                      \
+    rk[6 * (i) + 11] = rk[6 * (i) + 5] ^ rk[6 * (i) + 10]
+    AES_STEP192(0, 0x01000000u);
+    AES_STEP192(1, 0x02000000u);
+    AES_STEP192(2, 0x04000000u);
+    AES_STEP192(3, 0x08000000u);
+    AES_STEP192(4, 0x10000000u);
+    AES_STEP192(5, 0x20000000u);
+    AES_STEP192(6, 0x40000000u);
+    AES_STEP192_HEAD(7, 0x80000000u);  // words 48..51 complete the 52
+#undef AES_STEP192
+#undef AES_STEP192_HEAD
+}
+
+inline void expand256(uint32_t *rk)
+{
+#define AES_STEP256_HEAD(i, rcon)                                              \
+    rk[8 * (i) + 8] = rk[8 * (i)] ^ sub_rot_word(rk[8 * (i) + 7]) ^ (rcon);    \
+    rk[8 * (i) + 9] = rk[8 * (i) + 1] ^ rk[8 * (i) + 8];                       \
+    rk[8 * (i) + 10] = rk[8 * (i) + 2] ^ rk[8 * (i) + 9];                      \
+    rk[8 * (i) + 11] = rk[8 * (i) + 3] ^ rk[8 * (i) + 10]
+#define AES_STEP256(i, rcon)                                                   \
+    AES_STEP256_HEAD(i, rcon);                                                 \
+    rk[8 * (i) + 12] = rk[8 * (i) + 4] ^ sub_word(rk[8 * (i) + 11]);           \
+    rk[8 * (i) + 13] = rk[8 * (i) + 5] ^ rk[8 * (i) + 12];                     \
+    rk[8 * (i) + 14] = rk[8 * (i) + 6] ^ rk[8 * (i) + 13];                     \
+    rk[8 * (i) + 15] = rk[8 * (i) + 7] ^ rk[8 * (i) + 14]
+    AES_STEP256(0, 0x01000000u);
+    AES_STEP256(1, 0x02000000u);
+    AES_STEP256(2, 0x04000000u);
+    AES_STEP256(3, 0x08000000u);
+    AES_STEP256(4, 0x10000000u);
+    AES_STEP256(5, 0x20000000u);
+    AES_STEP256_HEAD(6, 0x40000000u);  // words 56..59 complete the 60
+#undef AES_STEP256
+#undef AES_STEP256_HEAD
+}
+
+inline void load_key128(uint32_t *rk, const uint8_t *key)
+{
+    rk[0] = load_be32(key);
+    rk[1] = load_be32(key + 4);
+    rk[2] = load_be32(key + 8);
+    rk[3] = load_be32(key + 12);
+}
+
+// Block encryption, kept inline so the CBC/CTR loops get it without a call.
+inline void encrypt_block(const uint32_t *rk, int Nr, const uint8_t *in, uint8_t *out)
+{
+    uint32_t s0 = load_be32(in) ^ rk[0];
+    uint32_t s1 = load_be32(in + 4) ^ rk[1];
+    uint32_t s2 = load_be32(in + 8) ^ rk[2];
+    uint32_t s3 = load_be32(in + 12) ^ rk[3];
+    uint32_t t0, t1, t2, t3;
+
+    // Two rounds per pass; the last pass leaves after its first round and
+    // the final round (no MixColumns) follows.
+    for (int r = Nr >> 1;;) {
+        t0 = Te0[B0(s0)] ^ Te1[B1(s1)] ^ Te2[B2(s2)] ^ Te3[B3(s3)] ^ rk[4];
+        t1 = Te0[B0(s1)] ^ Te1[B1(s2)] ^ Te2[B2(s3)] ^ Te3[B3(s0)] ^ rk[5];
+        t2 = Te0[B0(s2)] ^ Te1[B1(s3)] ^ Te2[B2(s0)] ^ Te3[B3(s1)] ^ rk[6];
+        t3 = Te0[B0(s3)] ^ Te1[B1(s0)] ^ Te2[B2(s1)] ^ Te3[B3(s2)] ^ rk[7];
+        rk += 8;
+        if (--r == 0) break;
+        s0 = Te0[B0(t0)] ^ Te1[B1(t1)] ^ Te2[B2(t2)] ^ Te3[B3(t3)] ^ rk[0];
+        s1 = Te0[B0(t1)] ^ Te1[B1(t2)] ^ Te2[B2(t3)] ^ Te3[B3(t0)] ^ rk[1];
+        s2 = Te0[B0(t2)] ^ Te1[B1(t3)] ^ Te2[B2(t0)] ^ Te3[B3(t1)] ^ rk[2];
+        s3 = Te0[B0(t3)] ^ Te1[B1(t0)] ^ Te2[B2(t1)] ^ Te3[B3(t2)] ^ rk[3];
+    }
+
+    s0 = (Te4[B0(t0)] & 0xff000000u) ^ (Te4[B1(t1)] & 0x00ff0000u) ^ (Te4[B2(t2)] & 0x0000ff00u) ^
+         (Te4[B3(t3)] & 0x000000ffu) ^ rk[0];
+    s1 = (Te4[B0(t1)] & 0xff000000u) ^ (Te4[B1(t2)] & 0x00ff0000u) ^ (Te4[B2(t3)] & 0x0000ff00u) ^
+         (Te4[B3(t0)] & 0x000000ffu) ^ rk[1];
+    s2 = (Te4[B0(t2)] & 0xff000000u) ^ (Te4[B1(t3)] & 0x00ff0000u) ^ (Te4[B2(t0)] & 0x0000ff00u) ^
+         (Te4[B3(t1)] & 0x000000ffu) ^ rk[2];
+    s3 = (Te4[B0(t3)] & 0xff000000u) ^ (Te4[B1(t0)] & 0x00ff0000u) ^ (Te4[B2(t1)] & 0x0000ff00u) ^
+         (Te4[B3(t2)] & 0x000000ffu) ^ rk[3];
+    store_be32(out, s0);
+    store_be32(out + 4, s1);
+    store_be32(out + 8, s2);
+    store_be32(out + 12, s3);
+}
+
+inline void decrypt_block(const uint32_t *rk, int Nr, const uint8_t *in, uint8_t *out)
+{
+    uint32_t s0 = load_be32(in) ^ rk[0];
+    uint32_t s1 = load_be32(in + 4) ^ rk[1];
+    uint32_t s2 = load_be32(in + 8) ^ rk[2];
+    uint32_t s3 = load_be32(in + 12) ^ rk[3];
+    uint32_t t0, t1, t2, t3;
+
+    for (int r = Nr >> 1;;) {
+        t0 = Td0[B0(s0)] ^ Td1[B1(s3)] ^ Td2[B2(s2)] ^ Td3[B3(s1)] ^ rk[4];
+        t1 = Td0[B0(s1)] ^ Td1[B1(s0)] ^ Td2[B2(s3)] ^ Td3[B3(s2)] ^ rk[5];
+        t2 = Td0[B0(s2)] ^ Td1[B1(s1)] ^ Td2[B2(s0)] ^ Td3[B3(s3)] ^ rk[6];
+        t3 = Td0[B0(s3)] ^ Td1[B1(s2)] ^ Td2[B2(s1)] ^ Td3[B3(s0)] ^ rk[7];
+        rk += 8;
+        if (--r == 0) break;
+        s0 = Td0[B0(t0)] ^ Td1[B1(t3)] ^ Td2[B2(t2)] ^ Td3[B3(t1)] ^ rk[0];
+        s1 = Td0[B0(t1)] ^ Td1[B1(t0)] ^ Td2[B2(t3)] ^ Td3[B3(t2)] ^ rk[1];
+        s2 = Td0[B0(t2)] ^ Td1[B1(t1)] ^ Td2[B2(t0)] ^ Td3[B3(t3)] ^ rk[2];
+        s3 = Td0[B0(t3)] ^ Td1[B1(t2)] ^ Td2[B2(t1)] ^ Td3[B3(t0)] ^ rk[3];
+    }
+
+    s0 = (Td4[B0(t0)] & 0xff000000u) ^ (Td4[B1(t3)] & 0x00ff0000u) ^ (Td4[B2(t2)] & 0x0000ff00u) ^
+         (Td4[B3(t1)] & 0x000000ffu) ^ rk[0];
+    s1 = (Td4[B0(t1)] & 0xff000000u) ^ (Td4[B1(t0)] & 0x00ff0000u) ^ (Td4[B2(t3)] & 0x0000ff00u) ^
+         (Td4[B3(t2)] & 0x000000ffu) ^ rk[1];
+    s2 = (Td4[B0(t2)] & 0xff000000u) ^ (Td4[B1(t1)] & 0x00ff0000u) ^ (Td4[B2(t0)] & 0x0000ff00u) ^
+         (Td4[B3(t3)] & 0x000000ffu) ^ rk[2];
+    s3 = (Td4[B0(t3)] & 0xff000000u) ^ (Td4[B1(t2)] & 0x00ff0000u) ^ (Td4[B2(t1)] & 0x0000ff00u) ^
+         (Td4[B3(t0)] & 0x000000ffu) ^ rk[3];
+    store_be32(out, s0);
+    store_be32(out + 4, s1);
+    store_be32(out + 8, s2);
+    store_be32(out + 12, s3);
+}
+
+// Module key and IV of the predefined-key data encryption.
+constexpr uint8_t _lcuc_pre_def_key[16] = {0x3c, 0x9f, 0x1a, 0x7e, 0x52, 0xd0, 0x4b, 0x86,
+                                           0xe1, 0xa9, 0x07, 0x7c, 0x5f, 0xb2, 0xd4, 0x18};
+constexpr uint8_t _lcuc_pre_def_iv[16] = {0xd2, 0x7a, 0x4e, 0x01, 0x93, 0xbc, 0x5f, 0x68,
+                                          0xa4, 0xe2, 0x1d, 0x77, 0x30, 0xc9, 0x8b, 0x5e};
+
+// Encrypts one block under the predefined key (fresh schedule each time).
+inline void pre_def_encrypt(const uint8_t *in, uint8_t *out)
+{
+    uint32_t rk[44];
+    rijndaelKeySetupEnc128(rk, _lcuc_pre_def_key);
+    encrypt_block(rk, 10, in, out);
+}
+
+// Fragment of fewer than 16 bytes: out = in XOR the encryption of prev,
+// where prev is the preceding ciphertext block (or the IV).  The keystream
+// block is wiped afterwards.
+void mask_fragment(const uint8_t *prev, const uint8_t *in, uint8_t *out, uint32_t tail)
+{
+    uint8_t keystream[16];
+    memset(keystream, 0, sizeof keystream);
+    pre_def_encrypt(prev, keystream);
+    for (uint32_t i = 0; i < tail; i++) out[i] = uint8_t(in[i] ^ keystream[i]);
+    // volatile stores so the wipe of a dying local is not optimised away
+    volatile uint8_t *wipe = keystream;
+    for (int i = 0; i < 16; i++) wipe[i] = 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Key schedules
+
+int rijndaelKeySetupEnc128(uint32_t rk[44], const uint8_t cipherKey[16])
+{
+    load_key128(rk, cipherKey);
+    expand128(rk);
+    return 10;
+}
+
+int rijndaelKeySetupEnc(uint32_t rk[], const uint8_t cipherKey[], int keyBits)
+{
+    // Key words are loaded as the length tests go: an unsupported length has
+    // read all 32 key bytes and written 8 words by the time it is rejected.
+    load_key128(rk, cipherKey);
+    if (keyBits == 128) {
+        expand128(rk);
+        return 10;
+    }
+    rk[4] = load_be32(cipherKey + 16);
+    rk[5] = load_be32(cipherKey + 20);
+    if (keyBits == 192) {
+        expand192(rk);
+        return 12;
+    }
+    rk[6] = load_be32(cipherKey + 24);
+    rk[7] = load_be32(cipherKey + 28);
+    if (keyBits == 256) {
+        expand256(rk);
+        return 14;
+    }
+    return 0;
+}
+
+int rijndaelKeySetupDec(uint32_t rk[], const uint8_t cipherKey[], int keyBits)
+{
+    int Nr = rijndaelKeySetupEnc(rk, cipherKey, keyBits);
+
+    // Round keys in reverse order.
+    for (int i = 0, j = 4 * Nr; i < j; i += 4, j -= 4) {
+        for (int k = 0; k < 4; k++) {
+            uint32_t tmp = rk[i + k];
+            rk[i + k] = rk[j + k];
+            rk[j + k] = tmp;
+        }
+    }
+    // InvMixColumns on the inner round keys; the S lookup cancels the
+    // inverse S-box folded into Td0..Td3.
+    for (int i = 4; i < 4 * Nr; i++) {
+        uint32_t w = rk[i];
+        rk[i] = Td0[Te4[B0(w)] & 0xff] ^ Td1[Te4[B1(w)] & 0xff] ^ Td2[Te4[B2(w)] & 0xff] ^
+                Td3[Te4[B3(w)] & 0xff];
+    }
+    return Nr;
+}
+
+// ---------------------------------------------------------------------------
+// Single blocks
+
+void rijndaelEncrypt(const uint32_t rk[], int Nr, const uint8_t pt[16], uint8_t ct[16])
+{
+    encrypt_block(rk, Nr, pt, ct);
+}
+
+void rijndaelDecrypt(const uint32_t rk[], int Nr, const uint8_t ct[16], uint8_t pt[16])
+{
+    decrypt_block(rk, Nr, ct, pt);
+}
+
+void vAES128Enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    uint32_t rk[44];
+    int Nr = rijndaelKeySetupEnc128(rk, key);
+    encrypt_block(rk, Nr, in, out);
+}
+
+void vAES128Dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    uint32_t rk[44];
+    int Nr = rijndaelKeySetupDec(rk, key, 128);
+    decrypt_block(rk, Nr, in, out);
+}
+
+// ---------------------------------------------------------------------------
+// CBC.  The schedule is rebuilt for every block by design; a partial last
+// block is processed whole.
+
+void vAES128CBCEnc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in, uint8_t *out,
+                   int32_t len)
+{
+    if (len <= 0) return;
+    uint32_t rk[44];
+    uint8_t tmp[16];
+    const uint8_t *chain = iv;  // the caller's IV is only read
+    for (int64_t off = 0; off < len; off += 16) {
+        xor_block(tmp, in + off, chain);
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, tmp, out + off);
+        chain = out + off;  // not written again in this call
+    }
+}
+
+void vAES128CBCDec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in, uint8_t *out,
+                   int32_t len)
+{
+    uint8_t chain[16];
+    memcpy(chain, iv, 16);
+    if (len <= 0) return;
+    uint32_t rk[44];
+    uint8_t tmp[16];
+    for (int64_t off = 0; off < len; off += 16) {
+        int Nr = rijndaelKeySetupDec(rk, key, 128);
+        decrypt_block(rk, Nr, in + off, tmp);
+        xor_block(tmp, tmp, chain);
+        // Save the ciphertext before the output may overwrite it (in place).
+        memcpy(chain, in + off, 16);
+        memcpy(out + off, tmp, 16);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Predefined-key data encryption
+
+uint32_t uiEncData(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
+    const uint32_t full = len & ~15u, tail = len & 15u;
+
+    uint8_t tmp[16];
+    const uint8_t *chain = _lcuc_pre_def_iv;
+    for (uint32_t off = 0; off < full; off += 16) {
+        xor_block(tmp, in + off, chain);
+        pre_def_encrypt(tmp, out + off);
+        chain = out + off;
+    }
+    if (tail == 0) return 0;
+
+    // The fragment needs the last ciphertext block, so it comes after CBC.
+    const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : out + full - 16;
+    mask_fragment(prev, in + full, out + full, tail);
+    return 0;
+}
+
+uint32_t uiDecData(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
+    const uint32_t full = len & ~15u, tail = len & 15u;
+
+    // Fragment first: in place, the ciphertext block it is keyed on is still
+    // intact only before the CBC pass.
+    if (tail != 0) {
+        const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : in + full - 16;
+        mask_fragment(prev, in + full, out + full, tail);
+    }
+    if (full == 0) return 0;
+
+    uint32_t rk[44];
+    uint8_t chain[16], tmp[16];
+    memcpy(chain, _lcuc_pre_def_iv, 16);
+    for (uint32_t off = 0; off < full; off += 16) {
+        int Nr = rijndaelKeySetupDec(rk, _lcuc_pre_def_key, 128);
+        decrypt_block(rk, Nr, in + off, tmp);
+        xor_block(tmp, tmp, chain);
+        memcpy(chain, in + off, 16);
+        memcpy(out + off, tmp, 16);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// CTR
+
+void vAES128CTR(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in, uint8_t *out,
+                int32_t len)
+{
+    // A negative length is outside the contract; it is treated like 0.
+    if (len <= 0 || key == nullptr || in == nullptr || ctr == nullptr || out == nullptr) return;
+    const uint32_t ulen = uint32_t(len);
+    const uint32_t full = ulen & ~15u, tail = ulen & 15u;
+
+    uint32_t rk[44];
+    uint8_t counter[16], keystream[16];
+    memcpy(counter, ctr, 16);
+    for (uint32_t off = 0; off < full; off += 16) {
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, counter, keystream);
+        xor_block(out + off, in + off, keystream);
+        // 128-bit big-endian increment; all 0xff wraps to zero.
+        for (int i = 15; i >= 0 && ++counter[i] == 0; i--) {
+        }
+    }
+    if (tail != 0) {
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, counter, keystream);
+        // Reads a whole input block, writes only the tail.
+        xor_block(keystream, keystream, in + full);
+        memcpy(out + full, keystream, tail);
+    }
+}
