@@ -465,36 +465,39 @@ TEST_F(WordRoute, Exponent65537AgreesWithBignum)
     BN_set_word(e.get(), 65537);
     int checked = 0;
     for (uint32_t n = 1; n <= 64; n++) {
-        const Op m = modulusOfShape(n, int(n % 4));
-        Op mMinus1 = m, one{}, zero{};
-        for (uint32_t i = 0; i < 64 && mMinus1[i]-- == 0; i++) {
-        }
-        one[0] = 1;
-        // Below the modulus, any 64 words (reduced by the first squaring),
-        // and the fixed points 0, 1 and modulus - 1.
-        const Op bases[] = {randomOp(n), randomOp(n), randomOp(64), zero, one, mMinus1, m};
-        for (const Op &base : bases) {
-            Bn bb = toBn(base.data(), 64), bm = toBn(m.data(), 64), r(BN_new());
-            ASSERT_EQ(BN_mod_exp(r.get(), bb.get(), e.get(), bm.get(), ctx.get()), 1);
+        for (int shape : {int(n % 4), int((n + 2) % 4)}) {
+            const Op m = modulusOfShape(n, shape);
+            Op mMinus1 = m, one{}, zero{};
+            for (uint32_t i = 0; i < 64 && mMinus1[i]-- == 0; i++) {
+            }
+            one[0] = 1;
+            // Below the modulus, any 64 words (reduced by the first
+            // squaring), and the fixed points 0, 1 and modulus - 1.
+            const Op bases[] = {randomOp(n), randomOp(n),  randomOp(n), randomOp(n), randomOp(64),
+                                randomOp(64), zero,        one,         mMinus1,     m};
+            for (const Op &base : bases) {
+                Bn bb = toBn(base.data(), 64), bm = toBn(m.data(), 64), r(BN_new());
+                ASSERT_EQ(BN_mod_exp(r.get(), bb.get(), e.get(), bm.get(), ctx.get()), 1);
+                Op mod = m, out;
+                out.fill(0x5A5A5A5Au);
+                ASSERT_EQ(RSADecryption65537(base.data(), mod.data(), out.data()), 0u);
+                EXPECT_EQ(out, fromBn(r.get())) << "modulus words " << n;
+                EXPECT_EQ(mod, m) << "modulus not restored";
+                checked++;
+            }
+            // Edge values stated outright, independent of the reference.
             Op mod = m, out;
-            out.fill(0x5A5A5A5Au);
-            ASSERT_EQ(RSADecryption65537(base.data(), mod.data(), out.data()), 0u);
-            EXPECT_EQ(out, fromBn(r.get())) << "modulus words " << n;
-            EXPECT_EQ(mod, m) << "modulus not restored";
-            checked++;
-        }
-        // Edge values stated outright, independent of the reference.
-        Op mod = m, out;
-        RSADecryption65537(zero.data(), mod.data(), out.data());
-        EXPECT_EQ(out, Op{});
-        if (n > 1 || m[0] > 1) {
-            RSADecryption65537(one.data(), mod.data(), out.data());
-            EXPECT_EQ(out, one);
-            RSADecryption65537(mMinus1.data(), mod.data(), out.data());
-            EXPECT_EQ(out, mMinus1);
+            RSADecryption65537(zero.data(), mod.data(), out.data());
+            EXPECT_EQ(out, Op{});
+            if (n > 1 || m[0] > 1) {
+                RSADecryption65537(one.data(), mod.data(), out.data());
+                EXPECT_EQ(out, one);
+                RSADecryption65537(mMinus1.data(), mod.data(), out.data());
+                EXPECT_EQ(out, mMinus1);
+            }
         }
     }
-    EXPECT_EQ(checked, 64 * 7);
+    EXPECT_EQ(checked, 64 * 2 * 10);
 }
 
 }  // namespace
