@@ -69,7 +69,7 @@ uint32_t lui4DivideHalfDigit(uint32_t *rem, uint32_t digit, uint32_t d)
     return q;
 }
 
-// (hi:lo) += (0:x); returns the carry out of hi.
+// (t[1]:t[0]) += x; callers guarantee that t[1] does not overflow.
 inline void lvAddWord(uint32_t t[2], uint32_t x)
 {
     t[0] += x;
