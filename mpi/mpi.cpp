@@ -1,0 +1,856 @@
+// Arbitrary-precision signed integers in radix 65536 for the RSA private-key
+// operation: representation, arithmetic, long division and modular
+// exponentiation with Barrett reduction.
+
+#include "mpi.h"
+#include "mpi_internal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+static_assert(sizeof(mp_digit) == 2 && sizeof(mp_word) == 4, "radix 65536 with 32-bit double digits");
+
+namespace {
+
+constexpr uint32_t DIGIT_BIT = 16;
+constexpr mp_word RADIX = 65536;
+constexpr mp_word DIGIT_MASK = 0xFFFF;
+
+// Precondition failure: report like the platform's assertion and abort.
+[[noreturn]] void s_mp_assert_fail(const char *cond, const char *file, int line, const char *func)
+{
+    fflush(stdout);
+    fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, func, cond);
+    fflush(stderr);
+    abort();
+}
+
+}  // namespace
+
+// Stays active in every build type: a null record or a zero size is a
+// programming error that must stop the process, not a result code.
+#define MP_CHECK(cond) ((cond) ? (void)0 : s_mp_assert_fail(#cond, __FILE__, __LINE__, __func__))
+
+// ---------------------------------------------------------------------------
+// Digit arrays: every one is obtained and released here.
+
+namespace {
+
+uint64_t l_alloc_calls = 0;
+uint64_t l_alloc_fail_at = 0;  // absolute call number that fails; 0: none
+int64_t l_live_arrays = 0;
+void (*l_release_probe)(const mp_digit *, uint32_t) = nullptr;
+
+// Zero a digit array so that no key digit survives in freed memory; the
+// empty asm with a memory clobber keeps the compiler from treating the
+// stores as dead before free().
+void s_mp_wipe(mp_digit *p, uint32_t count)
+{
+    if (count) memset(p, 0, size_t(count) * sizeof(mp_digit));
+    __asm__ __volatile__("" : : "r"(p) : "memory");
+}
+
+mp_digit *s_mp_alloc(uint32_t count)
+{
+    ++l_alloc_calls;
+    if (l_alloc_calls == l_alloc_fail_at) return nullptr;
+    auto *p = static_cast<mp_digit *>(calloc(count, sizeof(mp_digit)));
+    if (p) ++l_live_arrays;
+    return p;
+}
+
+void s_mp_free(mp_digit *p, uint32_t count)
+{
+    if (!p) return;
+    s_mp_wipe(p, count);
+    if (l_release_probe) l_release_probe(p, count);
+    --l_live_arrays;
+    free(p);
+}
+
+}  // namespace
+
+void s_mp_alloc_fail_nth(uint64_t n) { l_alloc_fail_at = n ? l_alloc_calls + n : 0; }
+uint64_t s_mp_alloc_calls(void) { return l_alloc_calls; }
+int64_t s_mp_live_arrays(void) { return l_live_arrays; }
+void s_mp_set_release_probe(void (*probe)(const mp_digit *, uint32_t)) { l_release_probe = probe; }
+
+// ---------------------------------------------------------------------------
+// Representation
+
+static inline bool s_mp_iszero(const mp_int *a) { return a->used == 1 && a->digits[0] == 0; }
+
+mp_err mp_init(mp_int *mp) { return mp_init_size(mp, s_mp_defprec); }
+
+mp_err mp_init_size(mp_int *mp, uint32_t prec)
+{
+    MP_CHECK(mp != ((void *)0) && prec > 0);
+    mp_digit *d = s_mp_alloc(prec);
+    if (!d) return MP_NOMEM;
+    mp->digits = d;
+    mp->alloc = prec;
+    mp->used = 1;
+    mp->sign = MP_PLUS;
+    return MP_OK;
+}
+
+mp_err mp_init_copy(mp_int *mp, const mp_int *from)
+{
+    MP_CHECK(mp != ((void *)0) && from != ((void *)0));
+    if (mp == from) return MP_OK;
+    mp_digit *d = s_mp_alloc(from->used);
+    if (!d) return MP_NOMEM;
+    memcpy(d, from->digits, size_t(from->used) * sizeof(mp_digit));
+    mp->digits = d;
+    mp->alloc = from->used;
+    mp->used = from->used;
+    mp->sign = from->sign;
+    return MP_OK;
+}
+
+mp_err mp_copy(const mp_int *from, mp_int *to)
+{
+    MP_CHECK(from != ((void *)0) && to != ((void *)0));
+    if (from == to) return MP_OK;
+    const uint32_t n = from->used;
+    if (to->alloc < n) {
+        mp_digit *d = s_mp_alloc(n);
+        if (!d) return MP_NOMEM;
+        memcpy(d, from->digits, size_t(n) * sizeof(mp_digit));
+        s_mp_free(to->digits, to->alloc);
+        to->digits = d;
+        to->alloc = n;
+    } else {
+        memset(to->digits + n, 0, size_t(to->alloc - n) * sizeof(mp_digit));
+        memcpy(to->digits, from->digits, size_t(n) * sizeof(mp_digit));
+    }
+    to->used = n;
+    to->sign = from->sign;
+    return MP_OK;
+}
+
+void mp_zero(mp_int *mp)
+{
+    if (!mp) return;
+    if (mp->alloc) memset(mp->digits, 0, size_t(mp->alloc) * sizeof(mp_digit));
+    mp->used = 1;
+    mp->sign = MP_PLUS;
+}
+
+void mp_set(mp_int *mp, mp_digit d)
+{
+    if (!mp) return;
+    mp_zero(mp);
+    mp->digits[0] = d;
+}
+
+void mp_clear(mp_int *mp)
+{
+    if (!mp) return;
+    if (mp->digits) {
+        s_mp_free(mp->digits, mp->alloc);
+        mp->digits = nullptr;
+    }
+    mp->used = 0;
+    mp->alloc = 0;
+}
+
+mp_err s_mp_grow(mp_int *mp, uint32_t min)
+{
+    if (mp->alloc >= min) return MP_OK;
+    const uint32_t size = ((min + s_mp_defprec - 1) / s_mp_defprec) * s_mp_defprec;
+    mp_digit *d = s_mp_alloc(size);
+    if (!d) return MP_NOMEM;
+    memcpy(d, mp->digits, size_t(mp->used) * sizeof(mp_digit));
+    s_mp_free(mp->digits, mp->alloc);
+    mp->digits = d;
+    mp->alloc = size;
+    return MP_OK;
+}
+
+void s_mp_clamp(mp_int *mp)
+{
+    uint32_t u = mp->used;
+    while (u > 1 && mp->digits[u - 1] == 0) --u;
+    mp->used = u;
+}
+
+void s_mp_exch(mp_int *a, mp_int *b)
+{
+    mp_int t = *a;
+    *a = *b;
+    *b = t;
+}
+
+mp_err mp_read_unsigned_bin(mp_int *mp, const uint8_t *str, int32_t len)
+{
+    MP_CHECK(mp != ((void *)0) && str != ((void *)0) && len > 0);
+    mp_zero(mp);
+    for (int32_t i = 0; i < len; i++) {
+        mp_err res = s_mp_mul_2d(mp, 8);
+        if (res != MP_OK) return res;
+        res = s_mp_add_d(mp, str[i]);
+        if (res != MP_OK) return res;
+    }
+    return MP_OK;
+}
+
+int32_t mp_unsigned_bin_size(const mp_int *mp)
+{
+    MP_CHECK(mp != ((void *)0));
+    const mp_digit top = mp->digits[mp->used - 1];
+    return int32_t(2 * (mp->used - 1) + (top > 0xFF ? 2 : 1));
+}
+
+mp_err mp_to_unsigned_bin(const mp_int *mp, uint8_t *str)
+{
+    MP_CHECK(mp != ((void *)0) && str != ((void *)0));
+    size_t pos = 0;
+    for (uint32_t i = 0; i + 1 < mp->used; i++) {
+        str[pos++] = uint8_t(mp->digits[i]);
+        str[pos++] = uint8_t(mp->digits[i] >> 8);
+    }
+    const mp_digit top = mp->digits[mp->used - 1];
+    str[pos++] = uint8_t(top);
+    if (top > 0xFF) str[pos++] = uint8_t(top >> 8);
+    for (size_t lo = 0, hi = pos - 1; lo < hi; lo++, hi--) {
+        const uint8_t t = str[lo];
+        str[lo] = str[hi];
+        str[hi] = t;
+    }
+    return MP_OK;
+}
+
+int s_mp_cmp(const mp_int *a, const mp_int *b)
+{
+    if (a->used != b->used) return a->used > b->used ? MP_GREATER : MP_LESS;
+    for (uint32_t i = a->used; i-- > 0;) {
+        if (a->digits[i] != b->digits[i]) return a->digits[i] > b->digits[i] ? MP_GREATER : MP_LESS;
+    }
+    return MP_EQUAL;
+}
+
+int mp_cmp(const mp_int *a, const mp_int *b)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0));
+    if (a->sign != b->sign) return a->sign == MP_MINUS ? MP_LESS : MP_GREATER;
+    const int mag = s_mp_cmp(a, b);
+    return a->sign == MP_MINUS ? -mag : mag;
+}
+
+namespace {
+constexpr const char *l_mp_err_string[] = {
+    "unknown result code",      // any other code
+    "boolean true",             // MP_OK
+    "boolean false",            // MP_FALSE
+    "out of memory",            // MP_NOMEM
+    "argument out of range",    // MP_OUT_OF_RANGE
+    "invalid input parameter",  // MP_BAD_INPUT
+    "result is undefined",      // MP_UNDEFINED
+};
+}  // namespace
+
+const char *mp_strerror(mp_err ec)
+{
+    if (ec > MP_OK || ec < MP_UNDEFINED) return l_mp_err_string[0];
+    return l_mp_err_string[1 - ec];
+}
+
+// ---------------------------------------------------------------------------
+// Magnitude arithmetic
+
+mp_err s_mp_add(mp_int *a, const mp_int *b)
+{
+    const uint32_t ub = b->used;  // read first: b may be a
+    if (ub > a->used) {
+        mp_err res = s_mp_grow(a, ub);
+        if (res != MP_OK) return res;
+        a->used = ub;
+    }
+    mp_digit *pa = a->digits;
+    const mp_digit *pb = b->digits;
+    mp_word k = 0;
+    uint32_t i = 0;
+    for (; i < ub; i++) {
+        const mp_word w = mp_word(pa[i]) + pb[i] + k;
+        pa[i] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+    for (; k && i < a->used; i++) {
+        const mp_word w = mp_word(pa[i]) + k;
+        pa[i] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+    if (k) {
+        mp_err res = s_mp_grow(a, a->used + 1);
+        if (res != MP_OK) return res;
+        a->digits[a->used++] = 1;
+    }
+    return MP_OK;
+}
+
+mp_err s_mp_sub(mp_int *a, const mp_int *b)
+{
+    const uint32_t ub = b->used;
+    if (ub > a->used) {  // |a| < |b|: room for the wrapped difference
+        mp_err res = s_mp_grow(a, ub);
+        if (res != MP_OK) return res;
+        a->used = ub;
+    }
+    mp_digit *pa = a->digits;
+    const mp_digit *pb = b->digits;
+    mp_word borrow = 0;
+    uint32_t i = 0;
+    for (; i < ub; i++) {
+        const mp_word w = RADIX + pa[i] - borrow - pb[i];
+        pa[i] = mp_digit(w);
+        borrow = (w >> DIGIT_BIT) ^ 1;
+    }
+    for (; borrow && i < a->used; i++) {
+        const mp_word w = RADIX + pa[i] - borrow;
+        pa[i] = mp_digit(w);
+        borrow = (w >> DIGIT_BIT) ^ 1;
+    }
+    s_mp_clamp(a);
+    return borrow ? MP_OUT_OF_RANGE : MP_OK;
+}
+
+// One schoolbook row pair: t[0..ua+1] += a * (b0 + b1 * 65536), where
+// t[ua] and t[ua+1] are still zero.  Row b1 runs one digit behind row b0
+// and takes each of its output digits at once, so the two carry chains run
+// side by side and t is loaded and stored once per digit pair.  Every sum
+// stays below 2^32: 65535 + 65535^2 + 65535.
+static inline void s_mp_mul_row2(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t ua,
+                                 mp_word b0, mp_word b1)
+{
+    mp_word w0 = t[0] + a[0] * b0;
+    t[0] = mp_digit(w0);
+    mp_word k0 = w0 >> DIGIT_BIT, k1 = 0;
+    for (uint32_t i = 1; i < ua; i++) {
+        w0 = t[i] + a[i] * b0 + k0;
+        k0 = w0 >> DIGIT_BIT;
+        const mp_word w1 = (w0 & DIGIT_MASK) + a[i - 1] * b1 + k1;
+        t[i] = mp_digit(w1);
+        k1 = w1 >> DIGIT_BIT;
+    }
+    // Position ua holds row b0's final carry; row b1's last digit lands there.
+    const mp_word w1 = k0 + a[ua - 1] * b1 + k1;
+    t[ua] = mp_digit(w1);
+    t[ua + 1] = mp_digit(w1 >> DIGIT_BIT);
+}
+
+// One schoolbook row: t[0..ua] += a * b0, where t[ua] is still zero.
+static inline void s_mp_mul_row(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t ua, mp_word b0)
+{
+    mp_word k = 0;
+    for (uint32_t i = 0; i < ua; i++) {
+        const mp_word w = t[i] + a[i] * b0 + k;
+        t[i] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+    t[ua] = mp_digit(k);
+}
+
+mp_err s_mp_mul(mp_int *a, const mp_int *b)
+{
+    const uint32_t ua = a->used, ub = b->used;
+    mp_int t = {};
+    mp_err res = mp_init_size(&t, ua + ub);
+    if (res != MP_OK) return res;
+
+    const mp_digit *pa = a->digits, *pb = b->digits;  // b may be a
+    mp_digit *pt = t.digits;
+    uint32_t j = 0;
+    for (; j + 1 < ub; j += 2) {
+        const mp_word b0 = pb[j], b1 = pb[j + 1];
+        if (b0 && b1) {
+            s_mp_mul_row2(pt + j, pa, ua, b0, b1);
+        } else if (b0) {
+            s_mp_mul_row(pt + j, pa, ua, b0);
+        } else if (b1) {
+            s_mp_mul_row(pt + j + 1, pa, ua, b1);
+        }
+    }
+    if (j < ub && pb[j]) s_mp_mul_row(pt + j, pa, ua, pb[j]);
+
+    t.used = ua + ub;
+    s_mp_clamp(&t);
+    s_mp_exch(a, &t);
+    a->sign = MP_PLUS;
+    mp_clear(&t);
+    return MP_OK;
+}
+
+mp_err s_mp_sqr(mp_int *a)
+{
+    const uint32_t n = a->used;
+    mp_int t = {};
+    mp_err res = mp_init_size(&t, 2 * n);
+    if (res != MP_OK) return res;
+
+    const mp_digit *__restrict pa = a->digits;
+    mp_digit *__restrict pt = t.digits;
+    for (uint32_t i = 0; i < n; i++) {
+        const mp_word ai = pa[i];
+        if (!ai) continue;
+        mp_word w = pt[2 * i] + ai * ai;
+        pt[2 * i] = mp_digit(w);
+        mp_word k = w >> DIGIT_BIT;
+        // t + k + 2p needs up to 34 bits; split 2p at bit 16 so both halves
+        // and the carry (below 2^18) stay exact in 32 bits.
+        for (uint32_t j = i + 1; j < n; j++) {
+            const mp_word p = ai * pa[j];
+            const mp_word y = pt[i + j] + k + ((p & DIGIT_MASK) << 1);
+            pt[i + j] = mp_digit(y);
+            k = (y >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1);
+        }
+        for (uint32_t x = i + n; k; x++) {
+            w = pt[x] + k;
+            pt[x] = mp_digit(w);
+            k = w >> DIGIT_BIT;
+        }
+    }
+
+    t.used = 2 * n;
+    s_mp_clamp(&t);
+    s_mp_exch(a, &t);
+    a->sign = MP_PLUS;
+    mp_clear(&t);
+    return MP_OK;
+}
+
+mp_err s_mp_mul_d(mp_int *a, mp_digit d)
+{
+    const mp_word top = a->digits[a->used - 1];
+    // The carry into the top digit is below d, so the product can also need
+    // a new digit when top * d alone still fits.
+    if (top * d > DIGIT_MASK || (d != 0 && a->used == a->alloc && top * d + d - 1 > DIGIT_MASK)) {
+        mp_err res = s_mp_grow(a, a->used + 1);
+        if (res != MP_OK) return res;
+    }
+    mp_digit *pa = a->digits;
+    mp_word k = 0;
+    for (uint32_t i = 0; i < a->used; i++) {
+        const mp_word w = pa[i] * mp_word(d) + k;
+        pa[i] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+    if (k) pa[a->used++] = mp_digit(k);
+    s_mp_clamp(a);
+    return MP_OK;
+}
+
+mp_err s_mp_add_d(mp_int *a, mp_digit d)
+{
+    mp_word k = d;
+    for (uint32_t i = 0; k && i < a->used; i++) {
+        const mp_word w = a->digits[i] + k;
+        a->digits[i] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+    if (k) {
+        mp_err res = s_mp_grow(a, a->used + 1);
+        if (res != MP_OK) return res;
+        a->digits[a->used++] = 1;
+    }
+    return MP_OK;
+}
+
+mp_err s_mp_lshd(mp_int *a, uint32_t p)
+{
+    if (p == 0) return MP_OK;
+    mp_err res = s_mp_grow(a, a->used + p);
+    if (res != MP_OK) return res;
+    memmove(a->digits + p, a->digits, size_t(a->used) * sizeof(mp_digit));
+    memset(a->digits, 0, size_t(p) * sizeof(mp_digit));
+    a->used += p;
+    return MP_OK;
+}
+
+void s_mp_rshd(mp_int *a, uint32_t p)
+{
+    if (p == 0) return;
+    if (p >= a->used) {
+        mp_zero(a);
+        return;
+    }
+    const uint32_t keep = a->used - p;
+    memmove(a->digits, a->digits + p, size_t(keep) * sizeof(mp_digit));
+    memset(a->digits + keep, 0, size_t(p) * sizeof(mp_digit));
+    a->used = keep;
+    s_mp_clamp(a);
+}
+
+mp_err s_mp_mul_2d(mp_int *a, mp_digit d)
+{
+    mp_err res = s_mp_lshd(a, d / DIGIT_BIT);
+    if (res != MP_OK) return res;
+    const uint32_t bits = d % DIGIT_BIT;
+    if (bits) {
+        if ((a->digits[a->used - 1] >> (DIGIT_BIT - bits)) != 0) {
+            res = s_mp_grow(a, a->used + 1);
+            if (res != MP_OK) return res;
+        }
+        mp_digit *pa = a->digits;
+        mp_word carry = 0;
+        for (uint32_t i = 0; i < a->used; i++) {
+            const mp_word w = (mp_word(pa[i]) << bits) | carry;
+            pa[i] = mp_digit(w);
+            carry = w >> DIGIT_BIT;
+        }
+        if (carry) pa[a->used++] = mp_digit(carry);
+    }
+    s_mp_clamp(a);
+    return MP_OK;
+}
+
+void s_mp_mod_2d(mp_int *a, mp_digit d)
+{
+    const uint32_t ndig = d / DIGIT_BIT, nbit = d % DIGIT_BIT;
+    if (ndig >= a->used) return;
+    a->digits[ndig] &= mp_digit((1u << nbit) - 1);
+    memset(a->digits + ndig + 1, 0, size_t(a->used - ndig - 1) * sizeof(mp_digit));
+    s_mp_clamp(a);
+}
+
+void s_mp_div_2d(mp_int *a, mp_digit d)
+{
+    if (uint32_t(d / DIGIT_BIT) >= a->used) {
+        mp_zero(a);
+        return;
+    }
+    s_mp_rshd(a, d / DIGIT_BIT);
+    const uint32_t bits = d % DIGIT_BIT;
+    if (bits) {
+        const mp_word mask = (1u << bits) - 1;
+        mp_word carry = 0;
+        for (uint32_t i = a->used; i-- > 0;) {
+            const mp_word low = a->digits[i] & mask;
+            a->digits[i] = mp_digit((a->digits[i] >> bits) | (carry << (DIGIT_BIT - bits)));
+            carry = low;
+        }
+    }
+    s_mp_clamp(a);
+}
+
+// ---------------------------------------------------------------------------
+// Signed addition and subtraction
+
+// c = |x| - |y| with sign s, where |x| > |y|; y may be c, x may be c.
+static mp_err s_mp_diff_into(const mp_int *x, const mp_int *y, mp_int *c, mp_sign s)
+{
+    mp_err res;
+    if (c == y) {
+        // y is still needed: form the difference in a copy of x.
+        mp_int t = {};
+        if ((res = mp_init_copy(&t, x)) != MP_OK) return res;
+        res = s_mp_sub(&t, y);
+        if (res == MP_OK) s_mp_exch(&t, c);
+        mp_clear(&t);
+    } else {
+        if ((res = mp_copy(x, c)) != MP_OK) return res;
+        res = s_mp_sub(c, y);
+    }
+    if (res == MP_OK) c->sign = s;
+    return res;
+}
+
+// c = |x| + |y| with sign s.
+static mp_err s_mp_sum_into(const mp_int *x, const mp_int *y, mp_int *c, mp_sign s)
+{
+    mp_err res;
+    if (c == y) {
+        res = s_mp_add(c, x);
+    } else {
+        if ((res = mp_copy(x, c)) != MP_OK) return res;
+        res = s_mp_add(c, y);
+    }
+    if (res == MP_OK) c->sign = s_mp_iszero(c) ? MP_PLUS : s;
+    return res;
+}
+
+mp_err mp_add(const mp_int *a, const mp_int *b, mp_int *c)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0) && c != ((void *)0));
+    const mp_sign sa = a->sign, sb = b->sign;
+    if (sa == sb) return s_mp_sum_into(a, b, c, sa);
+    const int mag = s_mp_cmp(a, b);
+    if (mag == MP_EQUAL) {
+        mp_zero(c);
+        return MP_OK;
+    }
+    return mag > 0 ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, sb);
+}
+
+mp_err mp_sub(const mp_int *a, const mp_int *b, mp_int *c)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0) && c != ((void *)0));
+    const mp_sign sa = a->sign, sb = b->sign;
+    if (sa != sb) return s_mp_sum_into(a, b, c, sa);
+    const int mag = s_mp_cmp(a, b);
+    if (mag == MP_EQUAL) {
+        mp_zero(c);
+        return MP_OK;
+    }
+    return mag > 0 ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, mp_sign(1 - sb));
+}
+
+// ---------------------------------------------------------------------------
+// Division
+
+int s_mp_ispow2(const mp_int *v)
+{
+    const mp_digit top = v->digits[v->used - 1];
+    if (top == 0 || (top & (top - 1)) != 0) return -1;
+    for (uint32_t i = 0; i + 1 < v->used; i++) {
+        if (v->digits[i]) return -1;
+    }
+    int k = int(DIGIT_BIT * (v->used - 1));
+    for (mp_digit t = top; t > 1; t >>= 1) k++;
+    return k;
+}
+
+int s_mp_norm(mp_int *a, mp_int *b)
+{
+    mp_digit top = b->digits[b->used - 1];
+    int d = 0;
+    while (top < 0x8000) {
+        top = mp_digit(top << 1);
+        d++;
+    }
+    if (d) {
+        // A failed growth of a must not pass as a normalised pair.
+        mp_err res = s_mp_mul_2d(a, mp_digit(d));
+        if (res != MP_OK) return res;
+        res = s_mp_mul_2d(b, mp_digit(d));
+        if (res != MP_OK) return res;
+    }
+    return d;
+}
+
+mp_err s_mp_div(mp_int *a, mp_int *b)
+{
+    if (b->sign != MP_MINUS && s_mp_iszero(b)) return MP_OUT_OF_RANGE;
+
+    const int k = s_mp_ispow2(b);
+    if (k >= 0) {
+        mp_err res = mp_copy(a, b);
+        if (res != MP_OK) return res;
+        s_mp_div_2d(a, mp_digit(k));
+        s_mp_mod_2d(b, mp_digit(k));
+        a->sign = MP_PLUS;
+        b->sign = MP_PLUS;
+        return MP_OK;
+    }
+
+    mp_int q = {}, r = {}, t = {};
+    mp_err res;
+    if ((res = mp_init_size(&q, a->used)) != MP_OK) return res;
+    if ((res = mp_init_size(&r, a->used)) != MP_OK) {
+        mp_clear(&q);
+        return res;
+    }
+    if ((res = mp_init_size(&t, a->used)) != MP_OK) {
+        mp_clear(&r);
+        mp_clear(&q);
+        return res;
+    }
+
+    const int d = s_mp_norm(a, b);
+    if (d < 0) {
+        res = d;
+    } else {
+        const mp_word btop = b->digits[b->used - 1];
+        int64_t i = int64_t(a->used) - 1;
+        for (;;) {
+            // Bring down dividend digits until the running remainder reaches b.
+            while (s_mp_cmp(&r, b) < 0 && i >= 0) {
+                if ((res = s_mp_lshd(&r, 1)) != MP_OK) break;
+                if ((res = s_mp_lshd(&q, 1)) != MP_OK) break;
+                r.digits[0] = a->digits[i];
+                s_mp_clamp(&r);
+                i--;
+            }
+            if (res != MP_OK) break;
+            if (s_mp_cmp(&r, b) < 0) break;
+
+            // Estimate from b's top digit; never below the true digit.
+            mp_word x = r.digits[r.used - 1];
+            if (x <= btop && r.used > 1) x = (x << DIGIT_BIT) | r.digits[r.used - 2];
+            mp_word qhat = x / btop;
+            if (qhat > DIGIT_MASK) qhat = DIGIT_MASK;
+
+            if ((res = mp_copy(b, &t)) != MP_OK) break;
+            if ((res = s_mp_mul_d(&t, mp_digit(qhat))) != MP_OK) break;
+            while (s_mp_cmp(&t, &r) > 0) {
+                qhat--;
+                if ((res = s_mp_sub(&t, b)) != MP_OK) break;
+            }
+            if (res != MP_OK) break;
+            if ((res = s_mp_sub(&r, &t)) != MP_OK) break;
+            q.digits[0] = mp_digit(qhat);
+            if (i < 0) break;
+        }
+        if (res == MP_OK) {
+            if (d) s_mp_div_2d(&r, mp_digit(d));
+            s_mp_clamp(&q);
+            s_mp_clamp(&r);
+            q.sign = MP_PLUS;
+            r.sign = MP_PLUS;
+            s_mp_exch(&q, a);
+            s_mp_exch(&r, b);
+        }
+    }
+    mp_clear(&t);
+    mp_clear(&r);
+    mp_clear(&q);
+    return res;
+}
+
+mp_err mp_div(const mp_int *a, const mp_int *b, mp_int *q, mp_int *r)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0));
+    if (b->sign != MP_MINUS && s_mp_iszero(b)) return MP_OUT_OF_RANGE;
+
+    const mp_sign sa = a->sign, sb = b->sign;
+    mp_err res;
+    const int mag = s_mp_cmp(a, b);
+    if (mag == MP_LESS) {
+        if (r && (res = mp_copy(a, r)) != MP_OK) return res;
+        if (q) mp_zero(q);
+        return MP_OK;
+    }
+    if (mag == MP_EQUAL) {
+        if (q) {
+            mp_set(q, 1);
+            q->sign = sa != sb ? MP_MINUS : MP_PLUS;
+        }
+        if (r) mp_zero(r);
+        return MP_OK;
+    }
+
+    mp_int qt = {}, rt = {};
+    if ((res = mp_init_copy(&qt, a)) != MP_OK) return res;
+    if ((res = mp_init_copy(&rt, b)) != MP_OK) {
+        mp_clear(&qt);
+        return res;
+    }
+    res = s_mp_div(&qt, &rt);
+    if (res == MP_OK) {
+        qt.sign = (sa != sb && !s_mp_iszero(&qt)) ? MP_MINUS : MP_PLUS;
+        rt.sign = s_mp_iszero(&rt) ? MP_PLUS : sa;
+        if (q) s_mp_exch(q, &qt);
+        if (r) s_mp_exch(r, &rt);
+    }
+    mp_clear(&qt);
+    mp_clear(&rt);
+    return res;
+}
+
+mp_err mp_mod(const mp_int *a, const mp_int *m, mp_int *c)
+{
+    MP_CHECK(a != ((void *)0) && m != ((void *)0) && c != ((void *)0));
+    if (m->sign == MP_MINUS) return MP_OUT_OF_RANGE;
+
+    mp_err res;
+    const int mag = s_mp_cmp(a, m);
+    if (mag == MP_LESS) {
+        if ((res = mp_copy(a, c)) != MP_OK) return res;
+        return c->sign == MP_MINUS ? mp_add(c, m, c) : MP_OK;
+    }
+    if (mag == MP_EQUAL) {
+        // Decided before any zero test: 0 mod 0 is 0.
+        mp_zero(c);
+        return MP_OK;
+    }
+    if ((res = mp_div(a, m, nullptr, c)) != MP_OK) return res;
+    return c->sign == MP_MINUS ? mp_add(c, m, c) : MP_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Modular exponentiation
+
+mp_err s_mp_reduce(mp_int *x, const mp_int *m, const mp_int *mu)
+{
+    const uint32_t k = m->used;
+    // Bit counts are 16-bit quantities: moduli up to 4094 digits.
+    const mp_digit low_bits = mp_digit(DIGIT_BIT * (k + 1));
+    mp_int q = {};
+    mp_err res = mp_init_copy(&q, x);
+    if (res != MP_OK) return res;
+
+    if (k > 1) s_mp_rshd(&q, k - 1);
+    if ((res = s_mp_mul(&q, mu)) != MP_OK) goto CLEANUP;
+    s_mp_rshd(&q, k + 1);
+
+    s_mp_mod_2d(x, low_bits);
+    if ((res = s_mp_mul(&q, m)) != MP_OK) goto CLEANUP;
+    s_mp_mod_2d(&q, low_bits);
+
+    if ((res = mp_sub(x, &q, x)) != MP_OK) goto CLEANUP;
+    if (x->sign == MP_MINUS) {
+        mp_set(&q, 1);
+        if ((res = s_mp_lshd(&q, k + 1)) != MP_OK) goto CLEANUP;
+        if ((res = mp_add(x, &q, x)) != MP_OK) goto CLEANUP;
+    }
+    while (mp_cmp(x, m) >= 0) {
+        if ((res = s_mp_sub(x, m)) != MP_OK) break;
+    }
+
+CLEANUP:
+    mp_clear(&q);
+    return res;
+}
+
+// s = s * x mod m, then x = x^2 mod m (when mul is set); else only the latter.
+static inline mp_err s_mp_expt_step(mp_int *s, mp_int *x, bool mul, const mp_int *m, const mp_int *mu)
+{
+    mp_err res;
+    if (mul) {
+        if ((res = s_mp_mul(s, x)) != MP_OK) return res;
+        if ((res = s_mp_reduce(s, m, mu)) != MP_OK) return res;
+    }
+    if ((res = s_mp_sqr(x)) != MP_OK) return res;
+    return s_mp_reduce(x, m, mu);
+}
+
+mp_err mp_exptmod(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0) && c != ((void *)0));
+    if (b->sign == MP_MINUS || m->sign == MP_MINUS) return MP_OUT_OF_RANGE;
+    if (s_mp_iszero(m)) return MP_OUT_OF_RANGE;
+
+    mp_int s = {}, x = {}, mu = {};
+    mp_err res;
+    if ((res = mp_init(&s)) != MP_OK) return res;
+    mp_set(&s, 1);
+    if ((res = mp_init_copy(&x, a)) != MP_OK) goto CLEANUP;
+    if ((res = mp_mod(&x, m, &x)) != MP_OK) goto CLEANUP;
+
+    // Barrett constant mu = 65536^(2k) / m.
+    if ((res = mp_init(&mu)) != MP_OK) goto CLEANUP;
+    if ((res = s_mp_add_d(&mu, 1)) != MP_OK) goto CLEANUP;
+    if ((res = s_mp_lshd(&mu, 2 * m->used)) != MP_OK) goto CLEANUP;
+    if ((res = mp_div(&mu, m, &mu, nullptr)) != MP_OK) goto CLEANUP;
+
+    // Right-to-left walk over the exponent bits.
+    for (uint32_t i = 0; i + 1 < b->used; i++) {
+        mp_digit d = b->digits[i];
+        for (uint32_t bit = 0; bit < DIGIT_BIT; bit++, d >>= 1) {
+            if ((res = s_mp_expt_step(&s, &x, d & 1, m, &mu)) != MP_OK) goto CLEANUP;
+        }
+    }
+    for (mp_digit d = b->digits[b->used - 1]; d; d >>= 1) {
+        if ((res = s_mp_expt_step(&s, &x, d & 1, m, &mu)) != MP_OK) goto CLEANUP;
+    }
+
+    s_mp_exch(&s, c);
+    c->sign = MP_PLUS;
+
+CLEANUP:
+    mp_clear(&mu);
+    mp_clear(&x);
+    mp_clear(&s);
+    return res;
+}

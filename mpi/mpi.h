@@ -36,3 +36,35 @@ struct mp_int {
 };
 
 // The declarations below are filled in by the big-integer module.
+
+// Default precision in digits: the size of a fresh integer and the quantum to
+// which every growth is rounded (1024 bits).
+constexpr uint32_t s_mp_defprec = 64;
+
+// Lifecycle.  A failed initialisation leaves the record as it was.
+mp_err mp_init(mp_int *mp);                       // s_mp_defprec zeroed digits, value 0
+mp_err mp_init_size(mp_int *mp, uint32_t prec);   // prec zeroed digits, value 0
+mp_err mp_init_copy(mp_int *mp, const mp_int *from);  // exactly from->used digits
+mp_err mp_copy(const mp_int *from, mp_int *to);   // source first
+void mp_zero(mp_int *mp);                         // value 0; null ignored
+void mp_set(mp_int *mp, mp_digit d);              // value d; null ignored
+void mp_clear(mp_int *mp);                        // wipe and free; null or twice harmless
+
+// Big-endian byte strings (magnitude only).
+mp_err mp_read_unsigned_bin(mp_int *mp, const uint8_t *str, int32_t len);
+int32_t mp_unsigned_bin_size(const mp_int *mp);   // zero has size 1
+mp_err mp_to_unsigned_bin(const mp_int *mp, uint8_t *str);  // writes mp_unsigned_bin_size bytes
+
+// Signed comparison: MP_LESS, MP_EQUAL or MP_GREATER.
+int mp_cmp(const mp_int *a, const mp_int *b);
+
+// Signed arithmetic.  Any of the records may be the same.
+mp_err mp_add(const mp_int *a, const mp_int *b, mp_int *c);  // c = a + b
+mp_err mp_sub(const mp_int *a, const mp_int *b, mp_int *c);  // c = a - b
+// Truncating division: q rounds towards zero, r has a's sign; q or r may be null.
+mp_err mp_div(const mp_int *a, const mp_int *b, mp_int *q, mp_int *r);
+mp_err mp_mod(const mp_int *a, const mp_int *m, mp_int *c);  // 0 <= c < m
+// c = a^b mod m (right-to-left binary walk, Barrett reduction).  c may be a, b or m.
+mp_err mp_exptmod(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c);
+
+const char *mp_strerror(mp_err ec);
