@@ -316,28 +316,39 @@ mp_err s_mp_sub(mp_int *a, const mp_int *b)
     return borrow ? MP_OUT_OF_RANGE : MP_OK;
 }
 
-// One schoolbook row pair: t[0..ua+1] += a * (b0 + b1 * 65536), where
-// t[ua] and t[ua+1] are still zero.  Row b1 runs one digit behind row b0
-// and takes each of its output digits at once, so the two carry chains run
-// side by side and t is loaded and stored once per digit pair.  Every sum
-// stays below 2^32: 65535 + 65535^2 + 65535.
-static inline void s_mp_mul_row2(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t ua,
-                                 mp_word b0, mp_word b1)
+// Three schoolbook rows at once: t[0..ua+2] += a * (b0 + b1 * 65536 +
+// b2 * 65536^2), where t[ua..ua+2] are still zero.  Row b1 runs one
+// position behind row b0 and row b2 one behind row b1, each taking the
+// digit the row before has just produced; the three carry chains are
+// independent, so they overlap, and t is loaded and stored once per
+// position.  Every sum stays below 2^32: 65535 + 65535^2 + 65535.
+static inline void s_mp_mul_row3(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t ua,
+                                 mp_word b0, mp_word b1, mp_word b2)
 {
-    mp_word w0 = t[0] + a[0] * b0;
-    t[0] = mp_digit(w0);
-    mp_word k0 = w0 >> DIGIT_BIT, k1 = 0;
-    for (uint32_t i = 1; i < ua; i++) {
-        w0 = t[i] + a[i] * b0 + k0;
+    mp_word k0 = 0, k1 = 0, k2 = 0;
+    mp_word a1 = 0, a2 = 0;  // a[i-1] and a[i-2]
+    for (uint32_t i = 0; i < ua; i++) {
+        const mp_word x = a[i];
+        const mp_word w0 = t[i] + x * b0 + k0;
         k0 = w0 >> DIGIT_BIT;
-        const mp_word w1 = (w0 & DIGIT_MASK) + a[i - 1] * b1 + k1;
-        t[i] = mp_digit(w1);
+        const mp_word w1 = (w0 & DIGIT_MASK) + a1 * b1 + k1;
         k1 = w1 >> DIGIT_BIT;
+        const mp_word w2 = (w1 & DIGIT_MASK) + a2 * b2 + k2;
+        k2 = w2 >> DIGIT_BIT;
+        t[i] = mp_digit(w2);
+        a2 = a1;
+        a1 = x;
     }
-    // Position ua holds row b0's final carry; row b1's last digit lands there.
-    const mp_word w1 = k0 + a[ua - 1] * b1 + k1;
-    t[ua] = mp_digit(w1);
-    t[ua + 1] = mp_digit(w1 >> DIGIT_BIT);
+    // Position ua: row b0's final carry, the last digits of rows b1 and b2.
+    mp_word w1 = k0 + a1 * b1 + k1;
+    k1 = w1 >> DIGIT_BIT;
+    mp_word w2 = (w1 & DIGIT_MASK) + a2 * b2 + k2;
+    k2 = w2 >> DIGIT_BIT;
+    t[ua] = mp_digit(w2);
+    // Position ua+1: row b1's final carry and the last digit of row b2.
+    w2 = k1 + a1 * b2 + k2;
+    t[ua + 1] = mp_digit(w2);
+    t[ua + 2] = mp_digit(w2 >> DIGIT_BIT);
 }
 
 // One schoolbook row: t[0..ua] += a * b0, where t[ua] is still zero.
@@ -362,17 +373,18 @@ mp_err s_mp_mul(mp_int *a, const mp_int *b)
     const mp_digit *pa = a->digits, *pb = b->digits;  // b may be a
     mp_digit *pt = t.digits;
     uint32_t j = 0;
-    for (; j + 1 < ub; j += 2) {
-        const mp_word b0 = pb[j], b1 = pb[j + 1];
-        if (b0 && b1) {
-            s_mp_mul_row2(pt + j, pa, ua, b0, b1);
-        } else if (b0) {
-            s_mp_mul_row(pt + j, pa, ua, b0);
-        } else if (b1) {
-            s_mp_mul_row(pt + j + 1, pa, ua, b1);
+    for (; j + 2 < ub; j += 3) {
+        if (pb[j] && pb[j + 1] && pb[j + 2]) {
+            s_mp_mul_row3(pt + j, pa, ua, pb[j], pb[j + 1], pb[j + 2]);
+        } else {
+            for (uint32_t r = j; r < j + 3; r++) {  // zero digits are skipped
+                if (pb[r]) s_mp_mul_row(pt + r, pa, ua, pb[r]);
+            }
         }
     }
-    if (j < ub && pb[j]) s_mp_mul_row(pt + j, pa, ua, pb[j]);
+    for (; j < ub; j++) {
+        if (pb[j]) s_mp_mul_row(pt + j, pa, ua, pb[j]);
+    }
 
     t.used = ua + ub;
     s_mp_clamp(&t);
@@ -382,6 +394,76 @@ mp_err s_mp_mul(mp_int *a, const mp_int *b)
     return MP_OK;
 }
 
+// Adds k at t[x] and carries upward.
+static inline void s_mp_ripple(mp_digit *t, uint32_t x, mp_word k)
+{
+    for (; k; x++) {
+        const mp_word w = t[x] + k;
+        t[x] = mp_digit(w);
+        k = w >> DIGIT_BIT;
+    }
+}
+
+// Squaring row i: t += a_i^2 * 65536^(2i) + 2 * a_i * a_j * 65536^(i+j) for
+// j > i.  t + k + 2p needs up to 34 bits, so 2p is split at bit 16: both
+// halves and the carry (below 2^18) stay exact in 32 bits.
+static inline void s_mp_sqr_row(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t n, uint32_t i)
+{
+    const mp_word ai = a[i];
+    const mp_word w = t[2 * i] + ai * ai;
+    t[2 * i] = mp_digit(w);
+    mp_word k = w >> DIGIT_BIT;
+    for (uint32_t j = i + 1; j < n; j++) {
+        const mp_word p = ai * a[j];
+        const mp_word y = t[i + j] + k + ((p & DIGIT_MASK) << 1);
+        t[i + j] = mp_digit(y);
+        k = (y >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1);
+    }
+    s_mp_ripple(t, i + n, k);
+}
+
+// Squaring rows i and i+1 together (i + 2 < n): row i+1 runs one position
+// behind row i and takes each digit it has just produced, so the two carry
+// chains overlap.
+static inline void s_mp_sqr_row2(mp_digit *__restrict t, const mp_digit *__restrict a, uint32_t n, uint32_t i)
+{
+    const mp_word c = a[i], d = a[i + 1];
+    // Position 2i: row i's square term.
+    mp_word w = t[2 * i] + c * c;
+    t[2 * i] = mp_digit(w);
+    mp_word k0 = w >> DIGIT_BIT;
+    // Position 2i+1: row i's first cross term.
+    mp_word p = c * d;
+    mp_word y0 = t[2 * i + 1] + k0 + ((p & DIGIT_MASK) << 1);
+    t[2 * i + 1] = mp_digit(y0);
+    k0 = (y0 >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1);
+    // Position 2i+2: row i's next cross term, then row i+1's square term.
+    p = c * a[i + 2];
+    y0 = t[2 * i + 2] + k0 + ((p & DIGIT_MASK) << 1);
+    k0 = (y0 >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1);
+    w = (y0 & DIGIT_MASK) + d * d;
+    t[2 * i + 2] = mp_digit(w);
+    mp_word k1 = w >> DIGIT_BIT;
+    // Positions 2i+3 .. i+n-1: one cross term of each row.
+    for (uint32_t x = 2 * i + 3; x < i + n; x++) {
+        const mp_word p0 = c * a[x - i];
+        y0 = t[x] + k0 + ((p0 & DIGIT_MASK) << 1);
+        k0 = (y0 >> DIGIT_BIT) + ((p0 >> DIGIT_BIT) << 1);
+        const mp_word p1 = d * a[x - i - 1];
+        const mp_word y1 = (y0 & DIGIT_MASK) + k1 + ((p1 & DIGIT_MASK) << 1);
+        t[x] = mp_digit(y1);
+        k1 = (y1 >> DIGIT_BIT) + ((p1 >> DIGIT_BIT) << 1);
+    }
+    // Position i+n: row i's final carry and row i+1's last cross term; what
+    // carries out of it joins row i+1's final carry.
+    y0 = t[i + n] + k0;
+    p = d * a[n - 1];
+    const mp_word y1 = (y0 & DIGIT_MASK) + k1 + ((p & DIGIT_MASK) << 1);
+    t[i + n] = mp_digit(y1);
+    k1 = (y1 >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1) + (y0 >> DIGIT_BIT);
+    s_mp_ripple(t, i + n + 1, k1);
+}
+
 mp_err s_mp_sqr(mp_int *a)
 {
     const uint32_t n = a->used;
@@ -389,26 +471,15 @@ mp_err s_mp_sqr(mp_int *a)
     mp_err res = mp_init_size(&t, 2 * n);
     if (res != MP_OK) return res;
 
-    const mp_digit *__restrict pa = a->digits;
-    mp_digit *__restrict pt = t.digits;
-    for (uint32_t i = 0; i < n; i++) {
-        const mp_word ai = pa[i];
-        if (!ai) continue;
-        mp_word w = pt[2 * i] + ai * ai;
-        pt[2 * i] = mp_digit(w);
-        mp_word k = w >> DIGIT_BIT;
-        // t + k + 2p needs up to 34 bits; split 2p at bit 16 so both halves
-        // and the carry (below 2^18) stay exact in 32 bits.
-        for (uint32_t j = i + 1; j < n; j++) {
-            const mp_word p = ai * pa[j];
-            const mp_word y = pt[i + j] + k + ((p & DIGIT_MASK) << 1);
-            pt[i + j] = mp_digit(y);
-            k = (y >> DIGIT_BIT) + ((p >> DIGIT_BIT) << 1);
-        }
-        for (uint32_t x = i + n; k; x++) {
-            w = pt[x] + k;
-            pt[x] = mp_digit(w);
-            k = w >> DIGIT_BIT;
+    const mp_digit *pa = a->digits;
+    mp_digit *pt = t.digits;
+    for (uint32_t i = 0; i < n;) {
+        if (i + 2 < n && pa[i] && pa[i + 1]) {
+            s_mp_sqr_row2(pt, pa, n, i);
+            i += 2;
+        } else {
+            if (pa[i]) s_mp_sqr_row(pt, pa, n, i);  // zero digits are skipped
+            i++;
         }
     }
 

@@ -129,6 +129,43 @@ TEST(MpiDiff, MultiplyAndSquare)
     }
 }
 
+// Short operands built from 0, 1, 0x8000, 0xFFFF and random digits, at
+// every length where rows of the product and of the square are grouped
+// differently or skipped for zero digits.
+TEST(MpiDiff, ShortProductsWithExtremeDigits)
+{
+    std::mt19937_64 rng(0x5eed0008);
+    BnCtx ctx;
+    auto digits = [&](size_t n) {
+        const mp_digit pick[] = {0x0000, 0x0001, 0x8000, 0xFFFF, 0x0000, 0xFFFF};
+        mt::Bytes b;
+        for (size_t i = 0; i < n; i++) {
+            const mp_digit d = rng() % 4 ? pick[rng() % 6] : mp_digit(rng());
+            b.push_back(uint8_t(d >> 8));
+            b.push_back(uint8_t(d));
+        }
+        return b;
+    };
+    for (size_t na = 1; na <= 8; na++) {
+        for (size_t nb = 1; nb <= 8; nb++) {
+            for (int iter = 0; iter < 150; iter++) {
+                Mp a, b;
+                mt::set(&a, digits(na));
+                mt::set(&b, digits(nb));
+                const Bn A = mt::to_bn(&a), B = mt::to_bn(&b);
+                Bn prod = bn_new(), sq = bn_new();
+                ASSERT_EQ(BN_mul(prod.get(), A.get(), B.get(), ctx), 1);
+                ASSERT_EQ(BN_sqr(sq.get(), A.get(), ctx), 1);
+                Copy x(&a), y(&a);
+                ASSERT_EQ(s_mp_mul(&x, &b), MP_OK);
+                EXPECT_TRUE(same(&x, prod.get())) << mt::hex(&a) << " * " << mt::hex(&b);
+                ASSERT_EQ(s_mp_sqr(&y), MP_OK);
+                EXPECT_TRUE(same(&y, sq.get())) << mt::hex(&a) << " ^ 2";
+            }
+        }
+    }
+}
+
 void check_division(const mp_int *a, const mp_int *b, BN_CTX *ctx, const char *what)
 {
     const Bn A = mt::to_bn(a), B = mt::to_bn(b);
