@@ -67,22 +67,6 @@ inline Bytes mag(const mp_int *mp)
     return strip(b);
 }
 
-// Signed lower-case hex, "0" for zero.
-inline std::string hex(const mp_int *mp)
-{
-    static const char *d = "0123456789abcdef";
-    std::string s;
-    for (uint8_t c : mag(mp)) {
-        s += d[c >> 4];
-        s += d[c & 15];
-    }
-    const size_t first = s.find_first_not_of('0');
-    if (first == std::string::npos) return "0";
-    s = s.substr(first);
-    if (mp->sign == MP_MINUS) s.insert(s.begin(), '-');
-    return s;
-}
-
 // The record invariants every public operation must restore.
 inline ::testing::AssertionResult valid(const mp_int *mp)
 {
@@ -122,6 +106,9 @@ inline std::string hex(const BIGNUM *b)
     out.append(s, first, std::string::npos);
     return out;
 }
+
+// Signed lower-case hex, "0" for zero.
+inline std::string hex(const mp_int *mp) { return hex(to_bn(mp).get()); }
 
 // Random operand of 1..max_digits digits with a random sign; now and then
 // runs of 0x0000 / 0xFFFF digits and a small top digit, the patterns that

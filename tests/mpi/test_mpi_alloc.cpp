@@ -104,24 +104,6 @@ TEST(MpiAlloc, ExptmodWith2048BitModulusFailsCleanlyAtEveryAllocation)
     EXPECT_EQ(mt::hex(&c), mt::hex(&expected));
 }
 
-TEST(MpiAlloc, ExptmodWithResultOverBaseLeavesTheBaseUntouched)
-{
-    const auto &key = mt::test_key();
-    std::mt19937_64 rng(0xa110c002);
-    Mp a, e, n;
-    mt::set(&a, mt::random_below_n(rng));
-    mt::set(&e, key.e);
-    mt::set(&n, key.n);
-    const uint64_t count = count_allocations([&] {
-        mp_int x{};
-        EXPECT_EQ(mp_init_copy(&x, &a), MP_OK);
-        mp_err r = mp_exptmod(&x, &e, &n, &x);
-        mp_clear(&x);
-        return r;
-    }) - 1;
-    sweep([&] { return mp_exptmod(&a, &e, &n, &a); }, {&a, &e, &n}, all_up_to(count));
-}
-
 TEST(MpiAlloc, ExptmodWithPrivateExponentSampled)
 {
     // The full 2048-bit exponent makes some 12000 allocations; the set-up,
