@@ -35,8 +35,6 @@ struct mp_int {
     mp_digit *digits;  // owned, least significant first; digits[used..alloc) are zero
 };
 
-// The declarations below are filled in by the big-integer module.
-
 // Default precision in digits: the size of a fresh integer and the quantum to
 // which every growth is rounded (1024 bits).
 constexpr uint32_t s_mp_defprec = 64;
