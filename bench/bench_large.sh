@@ -9,9 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 mib=${1:-256}
 
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_BUILD_TESTS=OFF >/dev/null
-cmake --build build-bench --target ZirnImgSignEnTool >/dev/null
-tool=$PWD/build-bench/tool/ZirnImgSignEnTool
+tool=$(bench/build-tool.sh)
 cfg=$PWD/example/dev_zirn_img_prot.NOT_FOR_PRODUCTION.cfg
 key=$PWD/example/dev_key.NOT_FOR_PRODUCTION.pem
 
@@ -26,10 +24,4 @@ padded=$(( (size + 15) / 16 * 16 ))
 echo "image: $size bytes, padded $padded bytes"
 echo "time: $secs s, peak RSS: $((rss / 1024)) MiB (padded image $((padded / 1048576)) MiB, overhead $(( (rss * 1024 - padded) / 1048576 )) MiB)"
 
-[ "$(stat -c %s "$work/out")" -eq $((576 + padded)) ] || { echo "wrong output size"; exit 1; }
-head -c 316 "$work/out" > "$work/signed"; head -c 256 /dev/zero >> "$work/signed"
-tail -c +573 "$work/out" >> "$work/signed"
-head -c 572 "$work/out" | tail -c 256 > "$work/sig"
-openssl rsa -in "$key" -pubout -out "$work/pub.pem" 2>/dev/null
-openssl dgst -sha256 -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:32 \
-  -sigopt rsa_mgf1_md:sha256 -verify "$work/pub.pem" -signature "$work/sig" "$work/signed"
+scripts/verify-openssl.sh "$work/out" "$key"

@@ -9,9 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 rounds=${1:-7}
 
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_BUILD_TESTS=OFF >/dev/null
-cmake --build build-bench --target ZirnImgSignEnTool >/dev/null
-tool=$PWD/build-bench/tool/ZirnImgSignEnTool
+tool=$(bench/build-tool.sh)
 cfg=$PWD/example/dev_zirn_img_prot.NOT_FOR_PRODUCTION.cfg
 key=$PWD/example/dev_key.NOT_FOR_PRODUCTION.pem
 enc=$(awk '$1 == "ENC_PARAM" {print substr($3, 3)}' "$cfg")
