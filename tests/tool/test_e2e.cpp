@@ -195,30 +195,29 @@ TEST(ToolEndToEnd, SuccessfulRunPrintsExactlyTheExpectedText)
     EXPECT_FALSE(std::getline(got, g)) << "extra output: " << g;
 }
 
-TEST(ToolEndToEnd, UpperCasePrefixAndTrailingCharactersInSizeAreAccepted)
+TEST(ToolEndToEnd, AcceptedMemorySizesAreStoredAndEchoed)
 {
-    Job job(100);
-    ToolRun r = job.run("0X1000zz");
-    ASSERT_EQ(r.status, 0) << r.out;
-    expect_valid_output(job, 0x1000);
-    EXPECT_NE(r.out.find("hex: 0X1000zz (4096, 0x00001000) !!!\n"), std::string::npos);
-}
-
-TEST(ToolEndToEnd, MemorySizeEqualToPaddedSizePasses)
-{
-    Job job(17);
-    ToolRun r = job.run("0x20");
-    ASSERT_EQ(r.status, 0) << r.out;
-    expect_valid_output(job, 0x20);
-}
-
-TEST(ToolEndToEnd, MemorySizeAbove2GiBPrintsNegativeAndIsStored)
-{
-    Job job(20);
-    ToolRun r = job.run("0x80000000");
-    ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_NE(r.out.find("hex: 0x80000000 (-2147483648, 0x80000000) !!!\n"), std::string::npos);
-    expect_valid_output(job, 0x80000000u);
+    struct Case {
+        const char *arg;
+        size_t image_size;
+        uint32_t value;
+        const char *echo;
+    } cases[] = {
+        // Upper-case prefix; what follows the hex digits is not checked.
+        {"0X1000zz", 100, 0x1000, "hex: 0X1000zz (4096, 0x00001000) !!!\n"},
+        // Equal to the padded size (17 -> 32) is enough.
+        {"0x20", 17, 0x20, "hex: 0x20 (32, 0x00000020) !!!\n"},
+        // Echoed as a signed 32-bit number.
+        {"0x80000000", 20, 0x80000000u, "hex: 0x80000000 (-2147483648, 0x80000000) !!!\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.arg);
+        Job job(c.image_size);
+        ToolRun r = job.run(c.arg);
+        ASSERT_EQ(r.status, 0) << r.out;
+        EXPECT_NE(r.out.find(c.echo), std::string::npos);
+        expect_valid_output(job, c.value);
+    }
 }
 
 const std::string kUsage =
