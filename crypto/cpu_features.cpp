@@ -1,0 +1,57 @@
+// Run-time choice between the instruction paths and the portable code.
+// See cpu_features.h.
+
+#include "cpu_features.h"
+
+#include <atomic>
+
+#if defined(__x86_64__)
+#include <cpuid.h>
+#endif
+
+namespace {
+
+struct CpuFeatures {
+    bool aes;     // AESENC/AESDEC/AESKEYGENASSIST/AESIMC
+    bool sha256;  // SHA256RNDS2/MSG1/MSG2 plus the SSE4.1 and SSSE3 shuffles around them
+};
+
+CpuFeatures detect()
+{
+    CpuFeatures f = {false, false};
+#if defined(__x86_64__)
+    unsigned a, b, c, d;
+    if (__get_cpuid(1, &a, &b, &c, &d) == 0) return f;
+    const bool ssse3 = (c & bit_SSSE3) != 0, sse41 = (c & bit_SSE4_1) != 0;
+    f.aes = (c & bit_AES) != 0;
+    // Leaf 7 exists only on newer processors; __get_cpuid_count checks that.
+    if (__get_cpuid_count(7, 0, &a, &b, &c, &d) != 0)
+        f.sha256 = (b & bit_SHA) != 0 && ssse3 && sse41;
+#endif
+    return f;
+}
+
+// Asked once; the answer cannot change while the process runs.
+const CpuFeatures &features()
+{
+    static const CpuFeatures f = detect();
+    return f;
+}
+
+// Relaxed is enough: the flag orders nothing else, and either path gives
+// the same result.
+std::atomic<bool> l_force_portable{false};
+
+}  // namespace
+
+void crypto_force_portable(int on) { l_force_portable.store(on != 0, std::memory_order_relaxed); }
+
+int crypto_aes_accelerated(void)
+{
+    return !l_force_portable.load(std::memory_order_relaxed) && features().aes ? 1 : 0;
+}
+
+int crypto_sha256_accelerated(void)
+{
+    return !l_force_portable.load(std::memory_order_relaxed) && features().sha256 ? 1 : 0;
+}
