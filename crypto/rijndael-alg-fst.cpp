@@ -6,11 +6,25 @@
 // definition (inverse in GF(2^8), then the affine map), so they are constant
 // data in the binary with no start-up initialisation and no literal tables to
 // mistype.
+//
+// Two paths for the AES-128 operations: on x86-64 processors with the AES
+// instructions (cpu_features.h) they run on those, with the key schedule
+// expanded once per call and kept in vector registers; everywhere else they
+// run on the tables, rebuilding the schedule for every block.  Each public
+// AES-128 function makes the choice on entry.  Both paths wipe their round
+// keys and temporary blocks before returning.
 
 #include "rijndael-alg-fst.h"
 
 #include <array>
+#include <cstddef>
 #include <cstring>
+
+#include "cpu_features.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace {
 
@@ -144,6 +158,17 @@ inline void store_be32(uint8_t *p, uint32_t v)
 inline void xor_block(uint8_t *dst, const uint8_t *a, const uint8_t *b)
 {
     for (int i = 0; i < 16; i++) dst[i] = uint8_t(a[i] ^ b[i]);
+}
+
+#define NOINLINE __attribute__((noinline))
+
+// Zero fill that the optimiser cannot drop although the memory dies next:
+// the empty asm claims to read it.  For round keys and blocks that held
+// key-derived or plain data.
+inline void wipe(void *buf, size_t len)
+{
+    memset(buf, 0, len);
+    __asm__ __volatile__("" : : "r"(buf) : "memory");
 }
 
 constexpr unsigned B0(uint32_t w) { return w >> 24; }
@@ -331,27 +356,413 @@ constexpr uint8_t _lcuc_pre_def_key[16] = {0x3c, 0x9f, 0x1a, 0x7e, 0x52, 0xd0, 0
 constexpr uint8_t _lcuc_pre_def_iv[16] = {0xd2, 0x7a, 0x4e, 0x01, 0x93, 0xbc, 0x5f, 0x68,
                                           0xa4, 0xe2, 0x1d, 0x77, 0x30, 0xc9, 0x8b, 0x5e};
 
-// Encrypts one block under the predefined key (fresh schedule each time).
-inline void pre_def_encrypt(const uint8_t *in, uint8_t *out)
+// Encrypts one block under the predefined key with a fresh schedule in the
+// caller's rk (which the caller wipes).
+inline void pre_def_encrypt(uint32_t rk[44], const uint8_t *in, uint8_t *out)
 {
-    uint32_t rk[44];
     rijndaelKeySetupEnc128(rk, _lcuc_pre_def_key);
     encrypt_block(rk, 10, in, out);
 }
 
 // Fragment of fewer than 16 bytes: out = in XOR the encryption of prev,
 // where prev is the preceding ciphertext block (or the IV).  The keystream
-// block is wiped afterwards.
-void mask_fragment(const uint8_t *prev, const uint8_t *in, uint8_t *out, uint32_t tail)
+// block is wiped here, the schedule in rk by the caller.
+void mask_fragment(uint32_t rk[44], const uint8_t *prev, const uint8_t *in, uint8_t *out,
+                   uint32_t tail)
 {
     uint8_t keystream[16];
     memset(keystream, 0, sizeof keystream);
-    pre_def_encrypt(prev, keystream);
+    pre_def_encrypt(rk, prev, keystream);
     for (uint32_t i = 0; i < tail; i++) out[i] = uint8_t(in[i] ^ keystream[i]);
-    // volatile stores so the wipe of a dying local is not optimised away
-    volatile uint8_t *wipe = keystream;
-    for (int i = 0; i < 16; i++) wipe[i] = 0;
+    wipe(keystream, sizeof keystream);
 }
+
+// ---------------------------------------------------------------------------
+// AES-128 operations on the tables: the reference behaviour, with the key
+// schedule rebuilt for every block.  Each wipes its round keys and
+// temporary blocks; the public functions below then clear the stack the
+// worker used (see wipe_dead_stack).
+
+NOINLINE void table_aes128_enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    uint32_t rk[44];
+    int Nr = rijndaelKeySetupEnc128(rk, key);
+    encrypt_block(rk, Nr, in, out);
+    wipe(rk, sizeof rk);
+}
+
+NOINLINE void table_aes128_dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    uint32_t rk[44];
+    int Nr = rijndaelKeySetupDec(rk, key, 128);
+    decrypt_block(rk, Nr, in, out);
+    wipe(rk, sizeof rk);
+}
+
+// CBC over len > 0 bytes; a partial last block is processed whole.
+NOINLINE void table_cbc_enc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
+                            uint8_t *out, int32_t len)
+{
+    uint32_t rk[44];
+    uint8_t tmp[16];
+    const uint8_t *chain = iv;  // the caller's IV is only read
+    for (int64_t off = 0; off < len; off += 16) {
+        xor_block(tmp, in + off, chain);
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, tmp, out + off);
+        chain = out + off;  // not written again in this call
+    }
+    wipe(rk, sizeof rk);
+    wipe(tmp, sizeof tmp);
+}
+
+NOINLINE void table_cbc_dec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
+                            uint8_t *out, int32_t len)
+{
+    uint8_t chain[16];
+    memcpy(chain, iv, 16);
+    uint32_t rk[44];
+    uint8_t tmp[16];
+    for (int64_t off = 0; off < len; off += 16) {
+        int Nr = rijndaelKeySetupDec(rk, key, 128);
+        decrypt_block(rk, Nr, in + off, tmp);
+        xor_block(tmp, tmp, chain);
+        // Save the ciphertext before the output may overwrite it (in place).
+        memcpy(chain, in + off, 16);
+        memcpy(out + off, tmp, 16);
+    }
+    wipe(rk, sizeof rk);
+    wipe(tmp, sizeof tmp);
+}
+
+// uiEncData after its argument checks.
+NOINLINE void table_enc_data(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    uint32_t rk[44];
+    uint8_t tmp[16];
+    const uint8_t *chain = _lcuc_pre_def_iv;
+    for (uint32_t off = 0; off < full; off += 16) {
+        xor_block(tmp, in + off, chain);
+        pre_def_encrypt(rk, tmp, out + off);
+        chain = out + off;
+    }
+    // The fragment needs the last ciphertext block, so it comes after CBC.
+    if (tail != 0) {
+        const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : out + full - 16;
+        mask_fragment(rk, prev, in + full, out + full, tail);
+    }
+    wipe(rk, sizeof rk);
+    wipe(tmp, sizeof tmp);
+}
+
+// uiDecData after its argument checks.
+NOINLINE void table_dec_data(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    // Fragment first: in place, the ciphertext block it is keyed on is still
+    // intact only before the CBC pass.
+    uint32_t rk[44];
+    if (tail != 0) {
+        const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : in + full - 16;
+        mask_fragment(rk, prev, in + full, out + full, tail);
+    }
+    uint8_t chain[16], tmp[16];
+    memcpy(chain, _lcuc_pre_def_iv, 16);
+    for (uint32_t off = 0; off < full; off += 16) {
+        int Nr = rijndaelKeySetupDec(rk, _lcuc_pre_def_key, 128);
+        decrypt_block(rk, Nr, in + off, tmp);
+        xor_block(tmp, tmp, chain);
+        memcpy(chain, in + off, 16);
+        memcpy(out + off, tmp, 16);
+    }
+    wipe(rk, sizeof rk);
+    wipe(tmp, sizeof tmp);
+}
+
+// vAES128CTR after its argument checks.
+NOINLINE void table_ctr(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in,
+                        uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    uint32_t rk[44];
+    uint8_t counter[16], keystream[16];
+    memcpy(counter, ctr, 16);
+    for (uint32_t off = 0; off < full; off += 16) {
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, counter, keystream);
+        xor_block(out + off, in + off, keystream);
+        // 128-bit big-endian increment; all 0xff wraps to zero.
+        for (int i = 15; i >= 0 && ++counter[i] == 0; i--) {
+        }
+    }
+    if (tail != 0) {
+        int Nr = rijndaelKeySetupEnc128(rk, key);
+        encrypt_block(rk, Nr, counter, keystream);
+        // Reads a whole input block, writes only the tail.
+        xor_block(keystream, keystream, in + full);
+        memcpy(out + full, keystream, tail);
+    }
+    wipe(rk, sizeof rk);
+    wipe(keystream, sizeof keystream);
+}
+
+// Clears the stack just below the caller, where the worker of an AES-128
+// operation had its frame: whatever the compiler spilled there (cipher
+// state words, round keys) beyond the arrays the worker wiped itself.
+// Works because the workers are not inlined: their frames lie below the
+// public function's, inside the area cleared here.
+NOINLINE void wipe_dead_stack()
+{
+    uint8_t area[1024];
+    wipe(area, sizeof area);
+}
+
+// ---------------------------------------------------------------------------
+// AES-128 on the AES instructions (x86-64 only).  Compiled for that
+// instruction set function by function, so the rest of the binary keeps the
+// baseline and runs anywhere; called only after crypto_aes_accelerated().
+// Blocks are loaded straight from memory: the instructions use the byte
+// order of the standard, so no word conversion is needed.
+
+#if defined(__x86_64__)
+
+#define AES_NI_FN __attribute__((target("aes")))
+
+// One step of the 128-bit expansion: word 3 of assist is
+// SubWord(RotWord(last word)) XOR rcon; the shifts form the prefix XOR of
+// the previous round key's words.
+AES_NI_FN inline __m128i ni_expand_step(__m128i k, __m128i assist)
+{
+    assist = _mm_shuffle_epi32(assist, 0xff);
+    k = _mm_xor_si128(k, _mm_slli_si128(k, 4));
+    k = _mm_xor_si128(k, _mm_slli_si128(k, 8));
+    return _mm_xor_si128(k, assist);
+}
+
+// Encryption schedule: 11 round keys (the same bytes as the 44 words of
+// rijndaelKeySetupEnc128).  The round constant must be an immediate, hence
+// the written-out steps.
+AES_NI_FN inline void ni_key_enc(__m128i rk[11], const uint8_t key[16])
+{
+    rk[0] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(key));
+#define AES_NI_STEP(i, rcon) rk[i] = ni_expand_step(rk[i - 1], _mm_aeskeygenassist_si128(rk[i - 1], rcon))
+    AES_NI_STEP(1, 0x01);
+    AES_NI_STEP(2, 0x02);
+    AES_NI_STEP(3, 0x04);
+    AES_NI_STEP(4, 0x08);
+    AES_NI_STEP(5, 0x10);
+    AES_NI_STEP(6, 0x20);
+    AES_NI_STEP(7, 0x40);
+    AES_NI_STEP(8, 0x80);
+    AES_NI_STEP(9, 0x1b);
+    AES_NI_STEP(10, 0x36);
+#undef AES_NI_STEP
+}
+
+// Commits the schedule to rk: the compiler must store it there and read it
+// back afterwards, so no value lives across this point in a register (or in
+// a stack slot of the compiler's choosing, which no wipe would reach).
+inline void ni_commit(__m128i rk[11]) { __asm__ __volatile__("" : : "r"(rk) : "memory"); }
+
+// Turns an encryption schedule into the decryption schedule in place:
+// reversed, InvMixColumns on the inner round keys (as rijndaelKeySetupDec).
+// In place and from memory, so only one schedule is ever live.
+AES_NI_FN inline void ni_key_dec(__m128i rk[11])
+{
+    ni_commit(rk);
+    for (int i = 0; i < 5; i++) {
+        __m128i t = rk[i];
+        rk[i] = rk[10 - i];
+        rk[10 - i] = t;
+    }
+    for (int i = 1; i < 10; i++) rk[i] = _mm_aesimc_si128(rk[i]);
+    ni_commit(rk);
+}
+
+AES_NI_FN inline __m128i ni_encrypt(const __m128i rk[11], __m128i x)
+{
+    x = _mm_xor_si128(x, rk[0]);
+    for (int i = 1; i < 10; i++) x = _mm_aesenc_si128(x, rk[i]);
+    return _mm_aesenclast_si128(x, rk[10]);
+}
+
+AES_NI_FN inline __m128i ni_decrypt(const __m128i dk[11], __m128i x)
+{
+    x = _mm_xor_si128(x, dk[0]);
+    for (int i = 1; i < 10; i++) x = _mm_aesdec_si128(x, dk[i]);
+    return _mm_aesdeclast_si128(x, dk[10]);
+}
+
+AES_NI_FN inline __m128i ni_load(const uint8_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
+AES_NI_FN inline void ni_store(uint8_t *p, __m128i x) { _mm_storeu_si128(reinterpret_cast<__m128i *>(p), x); }
+
+// Clears the vector registers, which held round keys and blocks; every
+// instruction-path operation ends with it after wiping its arrays.  No
+// library function is called before it: the first call of one may go
+// through the dynamic linker, which saves the vector registers on the stack.
+inline void ni_clear_registers()
+{
+    __asm__ __volatile__(
+        "pxor %%xmm0, %%xmm0\n\tpxor %%xmm1, %%xmm1\n\tpxor %%xmm2, %%xmm2\n\tpxor %%xmm3, %%xmm3\n\t"
+        "pxor %%xmm4, %%xmm4\n\tpxor %%xmm5, %%xmm5\n\tpxor %%xmm6, %%xmm6\n\tpxor %%xmm7, %%xmm7\n\t"
+        "pxor %%xmm8, %%xmm8\n\tpxor %%xmm9, %%xmm9\n\tpxor %%xmm10, %%xmm10\n\tpxor %%xmm11, %%xmm11\n\t"
+        "pxor %%xmm12, %%xmm12\n\tpxor %%xmm13, %%xmm13\n\tpxor %%xmm14, %%xmm14\n\tpxor %%xmm15, %%xmm15"
+        :
+        :
+        : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
+          "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+}
+
+// CBC encryption of the blocks at offsets 0, 16, ... below len (a partial
+// last block is processed whole).  One block waits for the previous, so the
+// loop is a single chain of ten AES rounds plus one XOR per block, with the
+// round keys in registers.  To keep it at one XOR, the loop carries the
+// ciphertext XOR round key 0: AESENCLAST ends by XORing its key, so round
+// key 0 is folded into the last one and taken out again off the chain,
+// for the store.  Returns the last ciphertext block (chain if len is 0).
+AES_NI_FN inline __m128i ni_cbc_enc(const __m128i rk[11], __m128i chain, const uint8_t *in,
+                                    uint8_t *out, size_t len)
+{
+    const __m128i last = _mm_xor_si128(rk[10], rk[0]);
+    __m128i x = _mm_xor_si128(chain, rk[0]);
+    for (size_t off = 0; off < len; off += 16) {
+        x = _mm_xor_si128(x, ni_load(in + off));
+        for (int i = 1; i < 10; i++) x = _mm_aesenc_si128(x, rk[i]);
+        x = _mm_aesenclast_si128(x, last);
+        ni_store(out + off, _mm_xor_si128(x, rk[0]));
+    }
+    return _mm_xor_si128(x, rk[0]);
+}
+
+// CBC decryption, same block rule; each ciphertext block is loaded before
+// its output is stored, so in == out works.
+AES_NI_FN inline void ni_cbc_dec(const __m128i dk[11], __m128i chain, const uint8_t *in,
+                                 uint8_t *out, size_t len)
+{
+    for (size_t off = 0; off < len; off += 16) {
+        __m128i c = ni_load(in + off);
+        ni_store(out + off, _mm_xor_si128(ni_decrypt(dk, c), chain));
+        chain = c;
+    }
+}
+
+// Fragment of the predefined-key data encryption: out = in XOR the
+// encryption of prev, tail (< 16) bytes.
+AES_NI_FN inline void ni_mask_fragment(const __m128i rk[11], __m128i prev, const uint8_t *in,
+                                       uint8_t *out, uint32_t tail)
+{
+    uint8_t keystream[16];
+    ni_store(keystream, ni_encrypt(rk, prev));
+    for (uint32_t i = 0; i < tail; i++) out[i] = uint8_t(in[i] ^ keystream[i]);
+    wipe(keystream, sizeof keystream);
+}
+
+AES_NI_FN NOINLINE void ni_aes128_enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    __m128i rk[11];
+    ni_key_enc(rk, key);
+    ni_store(out, ni_encrypt(rk, ni_load(in)));
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+AES_NI_FN NOINLINE void ni_aes128_dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+{
+    __m128i rk[11];
+    ni_key_enc(rk, key);
+    ni_key_dec(rk);
+    ni_store(out, ni_decrypt(rk, ni_load(in)));
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+AES_NI_FN NOINLINE void ni_aes128_cbc_enc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
+                                 uint8_t *out, size_t len)
+{
+    __m128i rk[11];
+    ni_key_enc(rk, key);
+    ni_cbc_enc(rk, ni_load(iv), in, out, len);
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+AES_NI_FN NOINLINE void ni_aes128_cbc_dec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
+                                 uint8_t *out, size_t len)
+{
+    __m128i rk[11];
+    ni_key_enc(rk, key);
+    ni_key_dec(rk);
+    ni_cbc_dec(rk, ni_load(iv), in, out, len);
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+// uiEncData after its argument checks: CBC, then the fragment keyed on the
+// last ciphertext block (the IV below 16 bytes), as the table path.
+AES_NI_FN NOINLINE void ni_enc_data(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    __m128i rk[11];
+    ni_key_enc(rk, _lcuc_pre_def_key);
+    __m128i last = ni_cbc_enc(rk, ni_load(_lcuc_pre_def_iv), in, out, full);
+    if (tail != 0) ni_mask_fragment(rk, last, in + full, out + full, tail);
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+// uiDecData after its argument checks: the fragment first, while the
+// ciphertext block it is keyed on is intact, then CBC.
+AES_NI_FN NOINLINE void ni_dec_data(const uint8_t *in, uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    __m128i rk[11];
+    ni_key_enc(rk, _lcuc_pre_def_key);
+    if (tail != 0) {
+        __m128i prev = ni_load(len < 16 ? _lcuc_pre_def_iv : in + full - 16);
+        ni_mask_fragment(rk, prev, in + full, out + full, tail);
+    }
+    ni_key_dec(rk);
+    ni_cbc_dec(rk, ni_load(_lcuc_pre_def_iv), in, out, full);
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+}
+
+inline uint64_t load_be64(const uint8_t *p) { return uint64_t(load_be32(p)) << 32 | load_be32(p + 4); }
+
+// vAES128CTR after its argument checks.  The counter is held as two 64-bit
+// halves (the carry out of the low half goes into the high one, and all
+// ones wraps to zero) and turned into block byte order for each block.
+AES_NI_FN NOINLINE void ni_aes128_ctr(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in,
+                             uint8_t *out, uint32_t len)
+{
+    const uint32_t full = len & ~15u, tail = len & 15u;
+    __m128i rk[11];
+    ni_key_enc(rk, key);
+    uint64_t hi = load_be64(ctr), lo = load_be64(ctr + 8);
+    for (uint32_t off = 0; off < full; off += 16) {
+        __m128i block = _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
+        ni_store(out + off, _mm_xor_si128(ni_load(in + off), ni_encrypt(rk, block)));
+        if (++lo == 0) ++hi;
+    }
+    // Reads a whole input block, writes only the tail (after the registers
+    // are cleared, as the copy may be a library call).
+    uint8_t keystream[16];
+    if (tail != 0) {
+        __m128i block = _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
+        ni_store(keystream, _mm_xor_si128(ni_load(in + full), ni_encrypt(rk, block)));
+    }
+    wipe(rk, sizeof rk);
+    ni_clear_registers();
+    if (tail != 0) {
+        memcpy(out + full, keystream, tail);
+        wipe(keystream, sizeof keystream);
+    }
+}
+
+#undef AES_NI_FN
+
+#endif  // __x86_64__
 
 }  // namespace
 
@@ -424,133 +835,108 @@ void rijndaelDecrypt(const uint32_t rk[], int Nr, const uint8_t ct[16], uint8_t 
     decrypt_block(rk, Nr, ct, pt);
 }
 
+// ---------------------------------------------------------------------------
+// AES-128 operations: argument handling, the choice of path, and the
+// clearing of the stack the chosen worker used.
+
 void vAES128Enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
 {
-    uint32_t rk[44];
-    int Nr = rijndaelKeySetupEnc128(rk, key);
-    encrypt_block(rk, Nr, in, out);
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_aes128_enc(key, in, out);
+        wipe_dead_stack();
+        return;
+    }
+#endif
+    table_aes128_enc(key, in, out);
+    wipe_dead_stack();
 }
 
 void vAES128Dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
 {
-    uint32_t rk[44];
-    int Nr = rijndaelKeySetupDec(rk, key, 128);
-    decrypt_block(rk, Nr, in, out);
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_aes128_dec(key, in, out);
+        wipe_dead_stack();
+        return;
+    }
+#endif
+    table_aes128_dec(key, in, out);
+    wipe_dead_stack();
 }
-
-// ---------------------------------------------------------------------------
-// CBC.  The schedule is rebuilt for every block by design; a partial last
-// block is processed whole.
 
 void vAES128CBCEnc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in, uint8_t *out,
                    int32_t len)
 {
     if (len <= 0) return;
-    uint32_t rk[44];
-    uint8_t tmp[16];
-    const uint8_t *chain = iv;  // the caller's IV is only read
-    for (int64_t off = 0; off < len; off += 16) {
-        xor_block(tmp, in + off, chain);
-        int Nr = rijndaelKeySetupEnc128(rk, key);
-        encrypt_block(rk, Nr, tmp, out + off);
-        chain = out + off;  // not written again in this call
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_aes128_cbc_enc(key, iv, in, out, size_t(len));
+        wipe_dead_stack();
+        return;
     }
+#endif
+    table_cbc_enc(key, iv, in, out, len);
+    wipe_dead_stack();
 }
 
 void vAES128CBCDec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in, uint8_t *out,
                    int32_t len)
 {
-    uint8_t chain[16];
-    memcpy(chain, iv, 16);
     if (len <= 0) return;
-    uint32_t rk[44];
-    uint8_t tmp[16];
-    for (int64_t off = 0; off < len; off += 16) {
-        int Nr = rijndaelKeySetupDec(rk, key, 128);
-        decrypt_block(rk, Nr, in + off, tmp);
-        xor_block(tmp, tmp, chain);
-        // Save the ciphertext before the output may overwrite it (in place).
-        memcpy(chain, in + off, 16);
-        memcpy(out + off, tmp, 16);
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_aes128_cbc_dec(key, iv, in, out, size_t(len));
+        wipe_dead_stack();
+        return;
     }
+#endif
+    table_cbc_dec(key, iv, in, out, len);
+    wipe_dead_stack();
 }
-
-// ---------------------------------------------------------------------------
-// Predefined-key data encryption
 
 uint32_t uiEncData(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
-    const uint32_t full = len & ~15u, tail = len & 15u;
-
-    uint8_t tmp[16];
-    const uint8_t *chain = _lcuc_pre_def_iv;
-    for (uint32_t off = 0; off < full; off += 16) {
-        xor_block(tmp, in + off, chain);
-        pre_def_encrypt(tmp, out + off);
-        chain = out + off;
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_enc_data(in, out, len);
+        wipe_dead_stack();
+        return 0;
     }
-    if (tail == 0) return 0;
-
-    // The fragment needs the last ciphertext block, so it comes after CBC.
-    const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : out + full - 16;
-    mask_fragment(prev, in + full, out + full, tail);
+#endif
+    table_enc_data(in, out, len);
+    wipe_dead_stack();
     return 0;
 }
 
 uint32_t uiDecData(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
-    const uint32_t full = len & ~15u, tail = len & 15u;
-
-    // Fragment first: in place, the ciphertext block it is keyed on is still
-    // intact only before the CBC pass.
-    if (tail != 0) {
-        const uint8_t *prev = (len < 16) ? _lcuc_pre_def_iv : in + full - 16;
-        mask_fragment(prev, in + full, out + full, tail);
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_dec_data(in, out, len);
+        wipe_dead_stack();
+        return 0;
     }
-    if (full == 0) return 0;
-
-    uint32_t rk[44];
-    uint8_t chain[16], tmp[16];
-    memcpy(chain, _lcuc_pre_def_iv, 16);
-    for (uint32_t off = 0; off < full; off += 16) {
-        int Nr = rijndaelKeySetupDec(rk, _lcuc_pre_def_key, 128);
-        decrypt_block(rk, Nr, in + off, tmp);
-        xor_block(tmp, tmp, chain);
-        memcpy(chain, in + off, 16);
-        memcpy(out + off, tmp, 16);
-    }
+#endif
+    table_dec_data(in, out, len);
+    wipe_dead_stack();
     return 0;
 }
-
-// ---------------------------------------------------------------------------
-// CTR
 
 void vAES128CTR(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in, uint8_t *out,
                 int32_t len)
 {
     // A negative length is outside the contract; it is treated like 0.
     if (len <= 0 || key == nullptr || in == nullptr || ctr == nullptr || out == nullptr) return;
-    const uint32_t ulen = uint32_t(len);
-    const uint32_t full = ulen & ~15u, tail = ulen & 15u;
-
-    uint32_t rk[44];
-    uint8_t counter[16], keystream[16];
-    memcpy(counter, ctr, 16);
-    for (uint32_t off = 0; off < full; off += 16) {
-        int Nr = rijndaelKeySetupEnc128(rk, key);
-        encrypt_block(rk, Nr, counter, keystream);
-        xor_block(out + off, in + off, keystream);
-        // 128-bit big-endian increment; all 0xff wraps to zero.
-        for (int i = 15; i >= 0 && ++counter[i] == 0; i--) {
-        }
+#if defined(__x86_64__)
+    if (crypto_aes_accelerated()) {
+        ni_aes128_ctr(key, ctr, in, out, uint32_t(len));
+        wipe_dead_stack();
+        return;
     }
-    if (tail != 0) {
-        int Nr = rijndaelKeySetupEnc128(rk, key);
-        encrypt_block(rk, Nr, counter, keystream);
-        // Reads a whole input block, writes only the tail.
-        xor_block(keystream, keystream, in + full);
-        memcpy(out + full, keystream, tail);
-    }
+#endif
+    table_ctr(key, ctr, in, out, uint32_t(len));
+    wipe_dead_stack();
 }

@@ -4,6 +4,13 @@
 // Round-key arrays are owned by the caller: 4 * (Nr + 1) words, i.e. 44, 52
 // or 60.  Block functions allow in == out (the whole input block is read
 // before any output byte is written).  Nothing here allocates or prints.
+//
+// The key setups and rijndaelEncrypt/rijndaelDecrypt are always the table
+// code.  The AES-128 operations (vAES128*, uiEncData, uiDecData) run on the
+// processor's AES instructions where it has them (cpu_features.h), expanding
+// the key once per call, and on the tables otherwise, rebuilding the
+// schedule for every block; the bytes and results are the same.  Either way
+// they wipe their round keys and temporary blocks before returning.
 #pragma once
 
 #include <cstdint>
