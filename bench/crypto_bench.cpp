@@ -111,15 +111,16 @@ void BM_OpenSSL_SHA256(benchmark::State &state)
 }
 
 constexpr int64_t kMiB = 1 << 20;
+constexpr benchmark::TimeUnit kMs = benchmark::kMillisecond;
 
 }  // namespace
 
-BENCHMARK_CAPTURE(BM_vAES128CBCEnc, dispatched, false)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_vAES128CBCEnc, portable, true)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_OpenSSL_EVP_aes_128_cbc)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_OpenSSL_AES_cbc_encrypt)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_sha256, dispatched, false)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_sha256, portable, true)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_OpenSSL_SHA256)->Arg(kMiB)->Arg(64 * kMiB)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_vAES128CBCEnc, dispatched, false)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK_CAPTURE(BM_vAES128CBCEnc, portable, true)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK(BM_OpenSSL_EVP_aes_128_cbc)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK(BM_OpenSSL_AES_cbc_encrypt)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK_CAPTURE(BM_sha256, dispatched, false)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK_CAPTURE(BM_sha256, portable, true)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
+BENCHMARK(BM_OpenSSL_SHA256)->Arg(kMiB)->Arg(64 * kMiB)->Unit(kMs);
 
 BENCHMARK_MAIN();

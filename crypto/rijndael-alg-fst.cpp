@@ -546,7 +546,8 @@ AES_NI_FN inline __m128i ni_expand_step(__m128i k, __m128i assist)
 AES_NI_FN inline void ni_key_enc(__m128i rk[11], const uint8_t key[16])
 {
     rk[0] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(key));
-#define AES_NI_STEP(i, rcon) rk[i] = ni_expand_step(rk[i - 1], _mm_aeskeygenassist_si128(rk[i - 1], rcon))
+#define AES_NI_STEP(i, rcon) \
+    rk[i] = ni_expand_step(rk[i - 1], _mm_aeskeygenassist_si128(rk[i - 1], rcon))
     AES_NI_STEP(1, 0x01);
     AES_NI_STEP(2, 0x02);
     AES_NI_STEP(3, 0x04);
@@ -594,8 +595,15 @@ AES_NI_FN inline __m128i ni_decrypt(const __m128i dk[11], __m128i x)
     return _mm_aesdeclast_si128(x, dk[10]);
 }
 
-AES_NI_FN inline __m128i ni_load(const uint8_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
-AES_NI_FN inline void ni_store(uint8_t *p, __m128i x) { _mm_storeu_si128(reinterpret_cast<__m128i *>(p), x); }
+AES_NI_FN inline __m128i ni_load(const uint8_t *p)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+}
+
+AES_NI_FN inline void ni_store(uint8_t *p, __m128i x)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(p), x);
+}
 
 // Clears the vector registers, which held round keys and blocks; every
 // instruction-path operation ends with it after wiping its arrays.  No
@@ -603,15 +611,16 @@ AES_NI_FN inline void ni_store(uint8_t *p, __m128i x) { _mm_storeu_si128(reinter
 // through the dynamic linker, which saves the vector registers on the stack.
 inline void ni_clear_registers()
 {
-    __asm__ __volatile__(
-        "pxor %%xmm0, %%xmm0\n\tpxor %%xmm1, %%xmm1\n\tpxor %%xmm2, %%xmm2\n\tpxor %%xmm3, %%xmm3\n\t"
-        "pxor %%xmm4, %%xmm4\n\tpxor %%xmm5, %%xmm5\n\tpxor %%xmm6, %%xmm6\n\tpxor %%xmm7, %%xmm7\n\t"
-        "pxor %%xmm8, %%xmm8\n\tpxor %%xmm9, %%xmm9\n\tpxor %%xmm10, %%xmm10\n\tpxor %%xmm11, %%xmm11\n\t"
-        "pxor %%xmm12, %%xmm12\n\tpxor %%xmm13, %%xmm13\n\tpxor %%xmm14, %%xmm14\n\tpxor %%xmm15, %%xmm15"
-        :
-        :
-        : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10",
-          "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+    __asm__ __volatile__("pxor %%xmm0, %%xmm0\n\tpxor %%xmm1, %%xmm1\n\tpxor %%xmm2, %%xmm2\n\t"
+                         "pxor %%xmm3, %%xmm3\n\tpxor %%xmm4, %%xmm4\n\tpxor %%xmm5, %%xmm5\n\t"
+                         "pxor %%xmm6, %%xmm6\n\tpxor %%xmm7, %%xmm7\n\tpxor %%xmm8, %%xmm8\n\t"
+                         "pxor %%xmm9, %%xmm9\n\tpxor %%xmm10, %%xmm10\n\tpxor %%xmm11, %%xmm11\n\t"
+                         "pxor %%xmm12, %%xmm12\n\tpxor %%xmm13, %%xmm13\n\t"
+                         "pxor %%xmm14, %%xmm14\n\tpxor %%xmm15, %%xmm15"
+                         :
+                         :
+                         : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8",
+                           "xmm9", "xmm10", "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
 }
 
 // CBC encryption of the blocks at offsets 0, 16, ... below len (a partial
@@ -658,7 +667,8 @@ AES_NI_FN inline void ni_mask_fragment(const __m128i rk[11], __m128i prev, const
     wipe(keystream, sizeof keystream);
 }
 
-AES_NI_FN NOINLINE void ni_aes128_enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+AES_NI_FN NOINLINE void ni_aes128_enc(const uint8_t key[16], const uint8_t in[16],
+                                      uint8_t out[16])
 {
     __m128i rk[11];
     ni_key_enc(rk, key);
@@ -667,7 +677,8 @@ AES_NI_FN NOINLINE void ni_aes128_enc(const uint8_t key[16], const uint8_t in[16
     ni_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
+AES_NI_FN NOINLINE void ni_aes128_dec(const uint8_t key[16], const uint8_t in[16],
+                                      uint8_t out[16])
 {
     __m128i rk[11];
     ni_key_enc(rk, key);
@@ -677,8 +688,8 @@ AES_NI_FN NOINLINE void ni_aes128_dec(const uint8_t key[16], const uint8_t in[16
     ni_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_cbc_enc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
-                                 uint8_t *out, size_t len)
+AES_NI_FN NOINLINE void ni_aes128_cbc_enc(const uint8_t key[16], const uint8_t iv[16],
+                                          const uint8_t *in, uint8_t *out, size_t len)
 {
     __m128i rk[11];
     ni_key_enc(rk, key);
@@ -687,8 +698,8 @@ AES_NI_FN NOINLINE void ni_aes128_cbc_enc(const uint8_t key[16], const uint8_t i
     ni_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_cbc_dec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *in,
-                                 uint8_t *out, size_t len)
+AES_NI_FN NOINLINE void ni_aes128_cbc_dec(const uint8_t key[16], const uint8_t iv[16],
+                                          const uint8_t *in, uint8_t *out, size_t len)
 {
     __m128i rk[11];
     ni_key_enc(rk, key);
@@ -728,29 +739,38 @@ AES_NI_FN NOINLINE void ni_dec_data(const uint8_t *in, uint8_t *out, uint32_t le
     ni_clear_registers();
 }
 
-inline uint64_t load_be64(const uint8_t *p) { return uint64_t(load_be32(p)) << 32 | load_be32(p + 4); }
+inline uint64_t load_be64(const uint8_t *p)
+{
+    return uint64_t(load_be32(p)) << 32 | load_be32(p + 4);
+}
+
+// The counter as a block: the high half's bytes first, each half big-endian.
+AES_NI_FN inline __m128i ni_counter_block(uint64_t hi, uint64_t lo)
+{
+    return _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
+}
 
 // vAES128CTR after its argument checks.  The counter is held as two 64-bit
-// halves (the carry out of the low half goes into the high one, and all
-// ones wraps to zero) and turned into block byte order for each block.
-AES_NI_FN NOINLINE void ni_aes128_ctr(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in,
-                             uint8_t *out, uint32_t len)
+// halves: the carry out of the low half goes into the high one, and all
+// ones wraps to zero.
+AES_NI_FN NOINLINE void ni_aes128_ctr(const uint8_t key[16], const uint8_t ctr[16],
+                                      const uint8_t *in, uint8_t *out, uint32_t len)
 {
     const uint32_t full = len & ~15u, tail = len & 15u;
     __m128i rk[11];
     ni_key_enc(rk, key);
     uint64_t hi = load_be64(ctr), lo = load_be64(ctr + 8);
     for (uint32_t off = 0; off < full; off += 16) {
-        __m128i block = _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
-        ni_store(out + off, _mm_xor_si128(ni_load(in + off), ni_encrypt(rk, block)));
+        __m128i keystream = ni_encrypt(rk, ni_counter_block(hi, lo));
+        ni_store(out + off, _mm_xor_si128(ni_load(in + off), keystream));
         if (++lo == 0) ++hi;
     }
     // Reads a whole input block, writes only the tail (after the registers
     // are cleared, as the copy may be a library call).
     uint8_t keystream[16];
     if (tail != 0) {
-        __m128i block = _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
-        ni_store(keystream, _mm_xor_si128(ni_load(in + full), ni_encrypt(rk, block)));
+        __m128i last = ni_encrypt(rk, ni_counter_block(hi, lo));
+        ni_store(keystream, _mm_xor_si128(ni_load(in + full), last));
     }
     wipe(rk, sizeof rk);
     ni_clear_registers();

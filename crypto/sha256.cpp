@@ -29,14 +29,22 @@ constexpr uint32_t kInitialState[8] = {
 
 // Round constants; aligned for the 16-byte loads of the instruction path.
 alignas(16) constexpr uint32_t kK[64] = {
-    0x428a2f98u, 0x71374491u, 0xb5c0fbcfu, 0xe9b5dba5u, 0x3956c25bu, 0x59f111f1u, 0x923f82a4u, 0xab1c5ed5u,
-    0xd807aa98u, 0x12835b01u, 0x243185beu, 0x550c7dc3u, 0x72be5d74u, 0x80deb1feu, 0x9bdc06a7u, 0xc19bf174u,
-    0xe49b69c1u, 0xefbe4786u, 0x0fc19dc6u, 0x240ca1ccu, 0x2de92c6fu, 0x4a7484aau, 0x5cb0a9dcu, 0x76f988dau,
-    0x983e5152u, 0xa831c66du, 0xb00327c8u, 0xbf597fc7u, 0xc6e00bf3u, 0xd5a79147u, 0x06ca6351u, 0x14292967u,
-    0x27b70a85u, 0x2e1b2138u, 0x4d2c6dfcu, 0x53380d13u, 0x650a7354u, 0x766a0abbu, 0x81c2c92eu, 0x92722c85u,
-    0xa2bfe8a1u, 0xa81a664bu, 0xc24b8b70u, 0xc76c51a3u, 0xd192e819u, 0xd6990624u, 0xf40e3585u, 0x106aa070u,
-    0x19a4c116u, 0x1e376c08u, 0x2748774cu, 0x34b0bcb5u, 0x391c0cb3u, 0x4ed8aa4au, 0x5b9cca4fu, 0x682e6ff3u,
-    0x748f82eeu, 0x78a5636fu, 0x84c87814u, 0x8cc70208u, 0x90befffau, 0xa4506cebu, 0xbef9a3f7u, 0xc67178f2u,
+    0x428a2f98u, 0x71374491u, 0xb5c0fbcfu, 0xe9b5dba5u,
+    0x3956c25bu, 0x59f111f1u, 0x923f82a4u, 0xab1c5ed5u,
+    0xd807aa98u, 0x12835b01u, 0x243185beu, 0x550c7dc3u,
+    0x72be5d74u, 0x80deb1feu, 0x9bdc06a7u, 0xc19bf174u,
+    0xe49b69c1u, 0xefbe4786u, 0x0fc19dc6u, 0x240ca1ccu,
+    0x2de92c6fu, 0x4a7484aau, 0x5cb0a9dcu, 0x76f988dau,
+    0x983e5152u, 0xa831c66du, 0xb00327c8u, 0xbf597fc7u,
+    0xc6e00bf3u, 0xd5a79147u, 0x06ca6351u, 0x14292967u,
+    0x27b70a85u, 0x2e1b2138u, 0x4d2c6dfcu, 0x53380d13u,
+    0x650a7354u, 0x766a0abbu, 0x81c2c92eu, 0x92722c85u,
+    0xa2bfe8a1u, 0xa81a664bu, 0xc24b8b70u, 0xc76c51a3u,
+    0xd192e819u, 0xd6990624u, 0xf40e3585u, 0x106aa070u,
+    0x19a4c116u, 0x1e376c08u, 0x2748774cu, 0x34b0bcb5u,
+    0x391c0cb3u, 0x4ed8aa4au, 0x5b9cca4fu, 0x682e6ff3u,
+    0x748f82eeu, 0x78a5636fu, 0x84c87814u, 0x8cc70208u,
+    0x90befffau, 0xa4506cebu, 0xbef9a3f7u, 0xc67178f2u,
 };
 
 // Big-endian word from four bytes; independent of the host's byte order
@@ -142,23 +150,25 @@ __attribute__((target("sha,sse4.1,ssse3"))) void sha256_compress_ni(uint32_t sta
 
     for (; n > 0; n--, blocks += 64) {
         const __m128i abef_in = abef, cdgh_in = cdgh;
-        __m128i m0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks)), bswap);
-        __m128i m1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks + 16)), bswap);
-        __m128i m2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks + 32)), bswap);
-        __m128i m3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(blocks + 48)), bswap);
+        const __m128i *w = reinterpret_cast<const __m128i *>(blocks);
+        __m128i m0 = _mm_shuffle_epi8(_mm_loadu_si128(w), bswap);
+        __m128i m1 = _mm_shuffle_epi8(_mm_loadu_si128(w + 1), bswap);
+        __m128i m2 = _mm_shuffle_epi8(_mm_loadu_si128(w + 2), bswap);
+        __m128i m3 = _mm_shuffle_epi8(_mm_loadu_si128(w + 3), bswap);
         __m128i wk;
 
         // Rounds i..i+3 with schedule words m: two SHA256RNDS2, the second
         // taking the upper two words.  After two rounds (C, D, G, H) is the
         // old (A, B, E, F), so each call writes the vector the next one
         // reads as (C, D, G, H).
-#define SHA_NI_4ROUNDS(m, i)                                                          \
-    wk = _mm_add_epi32(m, _mm_load_si128(reinterpret_cast<const __m128i *>(kK + (i)))); \
-    cdgh = _mm_sha256rnds2_epu32(cdgh, abef, wk);                                     \
+#define SHA_NI_4ROUNDS(m, i)                                                    \
+    wk = _mm_add_epi32(m, _mm_load_si128(reinterpret_cast<const __m128i *>(kK) + (i) / 4)); \
+    cdgh = _mm_sha256rnds2_epu32(cdgh, abef, wk);                               \
     abef = _mm_sha256rnds2_epu32(abef, cdgh, _mm_shuffle_epi32(wk, 0x0e))
         // W[t..t+3] from the previous sixteen words held in m0 (oldest) .. m3.
-#define SHA_NI_EXTEND(m0, m1, m2, m3) \
-    m0 = _mm_sha256msg2_epu32(_mm_add_epi32(_mm_sha256msg1_epu32(m0, m1), _mm_alignr_epi8(m3, m2, 4)), m3)
+#define SHA_NI_EXTEND(m0, m1, m2, m3)                                            \
+    m0 = _mm_sha256msg2_epu32(                                                   \
+        _mm_add_epi32(_mm_sha256msg1_epu32(m0, m1), _mm_alignr_epi8(m3, m2, 4)), m3)
 
         SHA_NI_4ROUNDS(m0, 0);
         SHA_NI_4ROUNDS(m1, 4);

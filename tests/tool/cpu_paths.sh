@@ -18,7 +18,8 @@ trap 'rm -rf "$tmp"' EXIT
 enc=$(sed -n 's/^ENC_PARAM *= *0x\([0-9a-fA-F]*\).*/\1/p' "$cfg")
 iv=${enc:0:32} key=${enc:32:32}  # IV first, then the key
 # A second, larger image of fixed pseudo-random bytes with a partial last block.
-head -c 70001 /dev/zero | openssl enc -aes-128-ctr -K 00112233445566778899aabbccddeeff -iv 00000000000000000000000000000000 > "$tmp/big.img"
+head -c 70001 /dev/zero | openssl enc -aes-128-ctr -K 00112233445566778899aabbccddeeff \
+  -iv 00000000000000000000000000000000 > "$tmp/big.img"
 
 fail() { echo "cpu_paths: $*"; exit 1; }
 for cpu in qemu64 Westmere; do
@@ -30,8 +31,8 @@ for cpu in qemu64 Westmere; do
     size=$(( ($(stat -c %s "$img") + 15) / 16 * 16 ))
     [ "$(od -An -tu4 -j24 -N4 "$out" | tr -d ' ')" -eq "$size" ] || fail "$what: wrong encrypted size"
     cp "$img" "$tmp/padded" && truncate -s "$size" "$tmp/padded"
-    tail -c +577 "$out" | openssl enc -d -aes-128-cbc -nopad -K "$key" -iv "$iv" | cmp -s - "$tmp/padded" ||
-      fail "$what: the ciphertext does not decrypt to the zero-padded input"
+    tail -c +577 "$out" | openssl enc -d -aes-128-cbc -nopad -K "$key" -iv "$iv" |
+      cmp -s - "$tmp/padded" || fail "$what: the ciphertext does not decrypt to the zero-padded input"
     echo "cpu_paths: $what: OK"
   done
 done
