@@ -33,6 +33,39 @@ constexpr mp_word DIGIT_MASK = 0xFFFF;
 #define MP_CHECK(cond) ((cond) ? (void)0 : s_mp_assert_fail(#cond, __FILE__, __LINE__, __func__))
 
 // ---------------------------------------------------------------------------
+// Branch-free helpers for values derived from a private exponent.
+
+namespace {
+
+// Hides x from the optimiser, so that mask arithmetic built on it is not
+// turned back into a branch or a conditional move.
+inline uint64_t s_mp_ct_hide(uint64_t x)
+{
+    __asm__("" : "+r"(x));
+    return x;
+}
+
+// All ones when x is non-zero, else zero.
+inline uint64_t s_mp_ct_nonzero(uint64_t x) { return s_mp_ct_hide(0 - ((x | (0 - x)) >> 63)); }
+
+// All ones when x equals y, else zero.
+inline uint64_t s_mp_ct_eq(uint64_t x, uint64_t y) { return ~s_mp_ct_nonzero(x ^ y); }
+
+// The clamped used count of the n digits d[0..n): one more than the index of
+// the highest non-zero digit, 1 when all are zero.  Every digit is read.
+uint32_t s_mp_ct_used(const mp_digit *d, uint32_t n)
+{
+    uint64_t used = 1;
+    for (uint32_t i = 0; i < n; i++) {
+        const uint64_t nz = s_mp_ct_nonzero(d[i]);
+        used = (used & ~nz) | (uint64_t(i + 1) & nz);
+    }
+    return uint32_t(used);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
 // Digit arrays: every one is obtained and released here.
 
 namespace {
@@ -183,17 +216,32 @@ void s_mp_exch(mp_int *a, mp_int *b)
     *b = t;
 }
 
+// The array is sized from len, the public length, and the bytes are placed
+// and the clamp computed without a branch on their values: the private
+// exponent is read here.  Compared with growing digit by digit as the value
+// demands, this changes alloc (and the number of allocations) only when
+// leading zero bytes of a string longer than 128 bytes bring the value's
+// digit count below the next multiple of s_mp_defprec (the growth quantum);
+// values and results are the same.
 mp_err mp_read_unsigned_bin(mp_int *mp, const uint8_t *str, int32_t len)
 {
     MP_CHECK(mp != ((void *)0) && str != ((void *)0) && len > 0);
     mp_zero(mp);
-    for (int32_t i = 0; i < len; i++) {
-        mp_err res = s_mp_mul_2d(mp, 8);
-        if (res != MP_OK) return res;
-        res = s_mp_add_d(mp, str[i]);
-        if (res != MP_OK) return res;
+    uint32_t take = uint32_t(len);
+    const mp_err res = s_mp_grow(mp, (take + 1) / 2);
+    if (res != MP_OK && take > 2 * mp->alloc) {
+        // Out of memory: keep the leading bytes that fit, as a digit-by-digit
+        // read of a string without leading zeros would have when it first
+        // needed to grow.
+        take = 2 * mp->alloc;
     }
-    return MP_OK;
+    mp_digit *d = mp->digits;
+    for (uint32_t i = 0; i < take; i++) {
+        const uint32_t pos = take - 1 - i;  // byte position from the least significant end
+        d[pos / 2] = mp_digit(d[pos / 2] | (uint32_t(str[i]) << (8 * (pos % 2))));
+    }
+    mp->used = s_mp_ct_used(d, (take + 1) / 2);
+    return res;
 }
 
 int32_t mp_unsigned_bin_size(const mp_int *mp)

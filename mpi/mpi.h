@@ -49,6 +49,10 @@ void mp_set(mp_int *mp, mp_digit d);              // value d; null ignored
 void mp_clear(mp_int *mp);                        // wipe and free; null or twice harmless
 
 // Big-endian byte strings (magnitude only).
+// Reading sizes the array from len (at least ceil(len / 2) digits, rounded up
+// to s_mp_defprec) and does not branch on the bytes, so it may read a
+// private exponent.  Out of memory: MP_NOMEM, mp holding as many leading
+// bytes as fit in its array.
 mp_err mp_read_unsigned_bin(mp_int *mp, const uint8_t *str, int32_t len);
 int32_t mp_unsigned_bin_size(const mp_int *mp);   // zero has size 1
 mp_err mp_to_unsigned_bin(const mp_int *mp, uint8_t *str);  // writes mp_unsigned_bin_size bytes
