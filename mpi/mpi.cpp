@@ -1,6 +1,7 @@
 // Arbitrary-precision signed integers in radix 65536 for the RSA private-key
 // operation: representation, arithmetic, long division and modular
-// exponentiation with Barrett reduction.
+// exponentiation (Montgomery form on 64-bit limbs for odd moduli, Barrett
+// reduction otherwise).
 
 #include "mpi.h"
 #include "mpi_internal.h"
@@ -934,12 +935,10 @@ static inline mp_err s_mp_expt_step(mp_int *s, mp_int *x, bool mul, const mp_int
     return s_mp_reduce(x, m, mu);
 }
 
-mp_err mp_exptmod(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c)
+// Even moduli and m = 1: right-to-left binary walk with Barrett reduction.
+// Its sequence of operations follows the exponent's bits.
+static mp_err s_mp_exptmod_barrett(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c)
 {
-    MP_CHECK(a != ((void *)0) && b != ((void *)0) && c != ((void *)0));
-    if (b->sign == MP_MINUS || m->sign == MP_MINUS) return MP_OUT_OF_RANGE;
-    if (s_mp_iszero(m)) return MP_OUT_OF_RANGE;
-
     mp_int s = {}, x = {}, mu = {};
     mp_err res;
     if ((res = mp_init(&s)) != MP_OK) return res;
@@ -972,4 +971,241 @@ CLEANUP:
     mp_clear(&x);
     mp_clear(&s);
     return res;
+}
+
+// ---------------------------------------------------------------------------
+// Montgomery arithmetic for odd moduli: numbers of n 64-bit limbs, least
+// significant first, R = 2^(64n).  Nothing below branches on or indexes
+// memory by the values of the operands, only by n; the final subtractions
+// are done with masks.
+
+namespace {
+
+typedef uint64_t mp_limb;
+typedef unsigned __int128 mp_dlimb;
+constexpr uint32_t LIMB_DIGITS = 4;  // radix-65536 digits per limb
+static_assert(sizeof(mp_limb) == LIMB_DIGITS * sizeof(mp_digit), "four digits per limb");
+
+constexpr uint32_t WINDOW_BITS = 5;
+constexpr uint32_t WINDOW_SIZE = 1u << WINDOW_BITS;  // table entries
+
+// -m^-1 mod 2^64 for odd m0, by Newton's iteration (each step doubles the
+// number of correct low bits; m0 itself is right in the low 3 bits).
+mp_limb s_mont_minv(mp_limb m0)
+{
+    mp_limb inv = m0;
+    for (int i = 0; i < 5; i++) inv *= 2 - m0 * inv;
+    return 0 - inv;
+}
+
+// r = t - m when t >= m, else t, where t = t[0..n) + hi * R < 2m.  r may be t.
+inline void s_mont_final_sub(mp_limb *r, const mp_limb *t, mp_limb hi, const mp_limb *m, uint32_t n)
+{
+    mp_limb borrow = 0;
+    for (uint32_t j = 0; j < n; j++) {
+        const mp_dlimb d = mp_dlimb(t[j]) - m[j] - borrow;
+        r[j] = mp_limb(d);
+        borrow = mp_limb(d >> 64) & 1;
+    }
+    // t < m exactly when the subtraction borrowed and hi is 0 (hi is 0 or 1).
+    const mp_limb keep = s_mp_ct_hide(0 - (borrow & (hi ^ 1)));
+    for (uint32_t j = 0; j < n; j++) r[j] = (t[j] & keep) | (r[j] & ~keep);
+}
+
+// r = a * b / R mod m for a, b < m (coarsely integrated operand scanning:
+// each pass adds a * b[i] and a multiple of m that clears the low limb).
+// t is scratch of n limbs.  r may be a or b.
+void s_mont_mul(mp_limb *r, const mp_limb *a, const mp_limb *b, const mp_limb *m, mp_limb minv, uint32_t n,
+                mp_limb *__restrict t)
+{
+    for (uint32_t j = 0; j < n; j++) t[j] = 0;
+    mp_limb hi = 0;  // t[n]; the running value stays below 2m
+    for (uint32_t i = 0; i < n; i++) {
+        const mp_limb bi = b[i];
+        mp_dlimb p = mp_dlimb(a[0]) * bi + t[0];
+        mp_limb c1 = mp_limb(p >> 64);
+        const mp_limb u = mp_limb(p) * minv;
+        mp_dlimb q = mp_dlimb(u) * m[0] + mp_limb(p);  // low limb becomes 0
+        mp_limb c2 = mp_limb(q >> 64);
+        for (uint32_t j = 1; j < n; j++) {
+            p = mp_dlimb(a[j]) * bi + t[j] + c1;
+            c1 = mp_limb(p >> 64);
+            q = mp_dlimb(u) * m[j] + mp_limb(p) + c2;
+            c2 = mp_limb(q >> 64);
+            t[j - 1] = mp_limb(q);
+        }
+        p = mp_dlimb(hi) + c1 + c2;
+        t[n - 1] = mp_limb(p);
+        hi = mp_limb(p >> 64);
+    }
+    s_mont_final_sub(r, t, hi, m, n);
+}
+
+// r = a * a / R mod m for a < m: the square in 2n limbs (cross products once,
+// doubled), then n reduction passes.  t is scratch of 2n limbs.  r may be a.
+void s_mont_sqr(mp_limb *r, const mp_limb *a, const mp_limb *m, mp_limb minv, uint32_t n, mp_limb *__restrict t)
+{
+    for (uint32_t j = 0; j < 2 * n; j++) t[j] = 0;
+    // Cross products a[i] * a[j], i < j.
+    for (uint32_t i = 0; i + 1 < n; i++) {
+        const mp_limb ai = a[i];
+        mp_limb c = 0;
+        for (uint32_t j = i + 1; j < n; j++) {
+            const mp_dlimb p = mp_dlimb(ai) * a[j] + t[i + j] + c;
+            t[i + j] = mp_limb(p);
+            c = mp_limb(p >> 64);
+        }
+        t[i + n] = c;
+    }
+    // Doubled, plus the squares a[i]^2 at limb 2i.
+    mp_limb top = 0, c = 0;
+    for (uint32_t i = 0; i < n; i++) {
+        const mp_limb lo = t[2 * i], hi = t[2 * i + 1];
+        const mp_limb dlo = (lo << 1) | top, dhi = (hi << 1) | (lo >> 63);
+        top = hi >> 63;
+        const mp_dlimb sq = mp_dlimb(a[i]) * a[i];
+        mp_dlimb s = mp_dlimb(dlo) + mp_limb(sq) + c;
+        t[2 * i] = mp_limb(s);
+        s = mp_dlimb(dhi) + mp_limb(sq >> 64) + mp_limb(s >> 64);
+        t[2 * i + 1] = mp_limb(s);
+        c = mp_limb(s >> 64);
+    }
+    // a^2 < m^2 < 2^(128n): no carry leaves the top.  Reduction: each pass
+    // clears limb i; the carries above it are collected in extra.
+    mp_limb extra = 0;
+    for (uint32_t i = 0; i < n; i++) {
+        const mp_limb u = t[i] * minv;
+        mp_limb k = 0;
+        for (uint32_t j = 0; j < n; j++) {
+            const mp_dlimb q = mp_dlimb(u) * m[j] + t[i + j] + k;
+            t[i + j] = mp_limb(q);
+            k = mp_limb(q >> 64);
+        }
+        const mp_dlimb s = mp_dlimb(t[i + n]) + k + extra;
+        t[i + n] = mp_limb(s);
+        extra = mp_limb(s >> 64);
+    }
+    s_mont_final_sub(r, t + n, extra, m, n);
+}
+
+// r = table entry k of the WINDOW_SIZE entries of n limbs; every entry is
+// read in full.
+void s_mont_select(mp_limb *r, const mp_limb *table, uint32_t n, mp_limb k)
+{
+    for (uint32_t j = 0; j < n; j++) r[j] = 0;
+    for (uint32_t e = 0; e < WINDOW_SIZE; e++) {
+        const mp_limb hit = s_mp_ct_eq(e, k);
+        const mp_limb *row = table + size_t(e) * n;
+        for (uint32_t j = 0; j < n; j++) r[j] |= row[j] & hit;
+    }
+}
+
+// The WINDOW_BITS exponent bits starting at bit pos of the ndig digits d
+// (bits above the array count as zero).  The digit indices depend on pos
+// only.
+inline mp_limb s_mp_window(const mp_digit *d, uint32_t ndig, uint32_t pos)
+{
+    const uint32_t i = pos / DIGIT_BIT, sh = pos % DIGIT_BIT;
+    uint32_t v = uint32_t(d[i]) >> sh;
+    if (i + 1 < ndig) v |= uint32_t(d[i + 1]) << (DIGIT_BIT - sh);
+    return v & (WINDOW_SIZE - 1);
+}
+
+// The first `used` digits of v (at most 4n) as n limbs.
+void s_mp_to_limbs(mp_limb *out, uint32_t n, const mp_digit *digits, uint32_t used)
+{
+    for (uint32_t j = 0; j < n; j++) out[j] = 0;
+    for (uint32_t i = 0; i < used; i++) out[i / LIMB_DIGITS] |= mp_limb(digits[i]) << (DIGIT_BIT * (i % LIMB_DIGITS));
+}
+
+}  // namespace
+
+// Odd m > 1: fixed 5-bit windows over all 16 * alloc bits of the exponent,
+// left to right, in Montgomery form on 64-bit limbs.  The exponent's digits
+// are read at indices fixed by its alloc; the number of squarings and
+// multiplications, the memory touched and the branches taken depend on the
+// sizes of the operands only, never on the exponent's value (nor on its
+// used count).  The base and the modulus are public and are prepared with
+// the ordinary routines.
+static mp_err s_mp_exptmod_mont(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c)
+{
+    const uint32_t n = (m->used + LIMB_DIGITS - 1) / LIMB_DIGITS;
+    // Scratch limbs: modulus, R^2 mod m, base, one, accumulator, selected
+    // entry, 2n of product, then the table.
+    const uint32_t fixed = 8 * n;
+    const uint32_t count = fixed + WINDOW_SIZE * n;
+
+    mp_int x = {}, rr = {}, s = {};
+    mp_limb *w = nullptr;
+    mp_err res;
+    if ((res = mp_init_copy(&x, a)) != MP_OK) return res;
+    if ((res = mp_mod(&x, m, &x)) != MP_OK) goto CLEANUP;
+    // R^2 mod m = 65536^(8n) mod m.
+    if ((res = mp_init(&rr)) != MP_OK) goto CLEANUP;
+    if ((res = s_mp_add_d(&rr, 1)) != MP_OK) goto CLEANUP;
+    if ((res = s_mp_lshd(&rr, 2 * LIMB_DIGITS * n)) != MP_OK) goto CLEANUP;
+    if ((res = mp_mod(&rr, m, &rr)) != MP_OK) goto CLEANUP;
+    if ((res = mp_init_size(&s, LIMB_DIGITS * n)) != MP_OK) goto CLEANUP;
+    // Limbs live in a digit array of the module's allocator, so that it is
+    // counted, wiped and released like every other (calloc aligns it).
+    w = reinterpret_cast<mp_limb *>(s_mp_alloc(LIMB_DIGITS * count));
+    if (!w) {
+        res = MP_NOMEM;
+        goto CLEANUP;
+    }
+
+    {
+        mp_limb *const ml = w, *const r2 = w + n, *const base = w + 2 * n, *const one = w + 3 * n;
+        mp_limb *const acc = w + 4 * n, *const sel = w + 5 * n, *const t = w + 6 * n;
+        mp_limb *const table = w + fixed;
+        s_mp_to_limbs(ml, n, m->digits, m->used);
+        s_mp_to_limbs(r2, n, rr.digits, rr.used);
+        s_mp_to_limbs(base, n, x.digits, x.used);
+        one[0] = 1;
+        const mp_limb minv = s_mont_minv(ml[0]);
+
+        // table[e] = x^e * R mod m.
+        s_mont_mul(table, r2, one, ml, minv, n, t);
+        s_mont_mul(table + n, base, r2, ml, minv, n, t);
+        for (uint32_t e = 2; e < WINDOW_SIZE; e++) {
+            s_mont_mul(table + size_t(e) * n, table + size_t(e - 1) * n, table + n, ml, minv, n, t);
+        }
+
+        // Windows from the top; the top one starts the accumulator.
+        const uint32_t nbits = DIGIT_BIT * b->alloc;
+        const uint32_t nwin = (nbits + WINDOW_BITS - 1) / WINDOW_BITS;
+        s_mont_select(acc, table, n, s_mp_window(b->digits, b->alloc, (nwin - 1) * WINDOW_BITS));
+        for (uint32_t win = nwin - 1; win-- > 0;) {
+            for (uint32_t k = 0; k < WINDOW_BITS; k++) s_mont_sqr(acc, acc, ml, minv, n, t);
+            s_mont_select(sel, table, n, s_mp_window(b->digits, b->alloc, win * WINDOW_BITS));
+            s_mont_mul(acc, acc, sel, ml, minv, n, t);
+        }
+        s_mont_mul(acc, acc, one, ml, minv, n, t);  // out of Montgomery form
+
+        for (uint32_t i = 0; i < LIMB_DIGITS * n; i++) {
+            s.digits[i] = mp_digit(acc[i / LIMB_DIGITS] >> (DIGIT_BIT * (i % LIMB_DIGITS)));
+        }
+        s.used = s_mp_ct_used(s.digits, LIMB_DIGITS * n);
+    }
+
+    s_mp_exch(&s, c);
+    c->sign = MP_PLUS;
+
+CLEANUP:
+    if (w) s_mp_free(reinterpret_cast<mp_digit *>(w), LIMB_DIGITS * count);
+    mp_clear(&s);
+    mp_clear(&rr);
+    mp_clear(&x);
+    return res;
+}
+
+mp_err mp_exptmod(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c)
+{
+    MP_CHECK(a != ((void *)0) && b != ((void *)0) && c != ((void *)0));
+    if (b->sign == MP_MINUS || m->sign == MP_MINUS) return MP_OUT_OF_RANGE;
+    if (s_mp_iszero(m)) return MP_OUT_OF_RANGE;
+    // m = 1 stays on the binary walk: exponent 0 gives 1 there, unreduced.
+    const bool is_one = m->used == 1 && m->digits[0] == 1;
+    if ((m->digits[0] & 1) && !is_one) return s_mp_exptmod_mont(a, b, m, c);
+    return s_mp_exptmod_barrett(a, b, m, c);
 }

@@ -66,7 +66,12 @@ mp_err mp_sub(const mp_int *a, const mp_int *b, mp_int *c);  // c = a - b
 // Truncating division: q rounds towards zero, r has a's sign; q or r may be null.
 mp_err mp_div(const mp_int *a, const mp_int *b, mp_int *q, mp_int *r);
 mp_err mp_mod(const mp_int *a, const mp_int *m, mp_int *c);  // 0 <= c < m
-// c = a^b mod m (right-to-left binary walk, Barrett reduction).  c may be a, b or m.
+// c = a^b mod m; c may be a, b or m, and is written only on success.  Odd
+// m > 1: fixed 5-bit windows in Montgomery form, constant time in the
+// exponent: the work, the branches and the memory touched depend on the
+// sizes of a and m and on b's alloc, never on b's digits or used count (a
+// and m are treated as public).  Even m and m = 1: right-to-left binary walk
+// with Barrett reduction, whose steps follow b's bits.
 mp_err mp_exptmod(const mp_int *a, const mp_int *b, const mp_int *m, mp_int *c);
 
 const char *mp_strerror(mp_err ec);
