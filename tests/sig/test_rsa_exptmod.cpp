@@ -183,9 +183,9 @@ TEST(RsaExptmodDeathTest, ZeroInputLengthIsRejectedByTheIntegerModule)
 void expect_failure(uint64_t n, const Outcome &r, const Bytes &in, const Bytes &key, const Bytes &mod)
 {
     std::vector<int> steps = {1, 2, 3};
-    if (mt::strip(in).size() > 128) steps.push_back(4);
-    if (mt::strip(key).size() > 128) steps.push_back(5);
-    if (mt::strip(mod).size() > 128) steps.push_back(6);
+    if (in.size() > 128) steps.push_back(4);
+    if (key.size() > 128) steps.push_back(5);
+    if (mod.size() > 128) steps.push_back(6);
     const int step = n <= steps.size() ? steps[n - 1] : 7;
     const char *init_key = "Error: init tmp_key parameter for rsa operation\n";
     switch (step) {
@@ -249,7 +249,7 @@ TEST(RsaExptmod, FailsCleanlyWithThePrivateExponentSampled)
     ASSERT_EQ(run(in, key.d, key.n).ret, 0);
     const uint64_t count = s_mp_alloc_calls() - before;
     std::vector<uint64_t> ns;
-    for (uint64_t n = 1; n <= 30; n++) ns.push_back(n);
+    for (uint64_t n = 1; n <= 30 && n <= count; n++) ns.push_back(n);
     for (uint64_t i = 1; i <= 6; i++) ns.push_back(count * i / 7);
     ns.push_back(count);
     sweep(in, key.d, key.n, ns);
