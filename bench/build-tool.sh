@@ -3,6 +3,6 @@
 # build-bench/.  Prints the executable's path.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_BUILD_TESTS=OFF >/dev/null
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
 cmake --build build-bench --target ZirnImgSignEnTool >/dev/null
 echo "$PWD/build-bench/tool/ZirnImgSignEnTool"

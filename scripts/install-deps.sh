@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need beyond a fresh build machine:
 # GoogleTest, Google Benchmark, OpenSSL headers (test oracle only) and the
-# JSON reader the tests use for the published vector files.
+# JSON reader the tests use for the published vector files, qemu-user (the
+# executables tested as older processors) and valgrind (memory checks).
 set -euo pipefail
-pkgs=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libssl-dev openssl nlohmann-json3-dev)
+pkgs=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libssl-dev openssl nlohmann-json3-dev qemu-user valgrind)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,24 +1,29 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite twice: an optimised build, then the
+# Builds and runs the whole test suite three times: an optimised build, then the
 # same suite under AddressSanitizer + UndefinedBehaviorSanitizer (any
-# sanitizer report fails the run).  A third build with clang++ checks that
-# the code compiles warning-free with both compilers.
+# sanitizer report fails the run), then a third time built with clang++,
+# benchmarks and the constant-time check under memcheck included, so that the
+# code is warning-free with both compilers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
+# No test may silently drop out: a configuration without the test
+# dependencies would build no tests, and ctest must then fail.
+run_tests() { ctest --test-dir "$1" --output-on-failure --no-tests=error -j "$jobs"; }
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_WERROR=ON -DCMAKE_CXX_COMPILER=g++
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DZIRN_WERROR=ON -DCMAKE_CXX_COMPILER=g++
 cmake --build build -j "$jobs"
-ctest --test-dir build --output-on-failure -j "$jobs"
+run_tests build
 
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZIRN_SANITIZE=ON \
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON -DZIRN_SANITIZE=ON \
   -DCMAKE_CXX_COMPILER=g++
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1 \
 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-  ctest --test-dir build-asan --output-on-failure -j "$jobs"
+  run_tests build-asan
 
-cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DZIRN_WERROR=ON \
-  -DZIRN_BUILD_BENCHMARKS=ON -DCMAKE_CXX_COMPILER=clang++
+cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DZIRN_WERROR=ON \
+  -DZIRN_BUILD_BENCHMARKS=ON -DZIRN_CT_CHECK=ON -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-clang -j "$jobs"
+run_tests build-clang

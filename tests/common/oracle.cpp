@@ -1,136 +1,122 @@
 #include "oracle.h"
 
-#include <map>
-#include <memory>
-#include <stdexcept>
-
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
+#include <openssl/pem.h>
 #include <openssl/rsa.h>
+
+#include <stdexcept>
 
 namespace zt {
 
 namespace {
-
-struct BnFree {
-    void operator()(BIGNUM *b) const { BN_free(b); }
-};
-using Bn = std::unique_ptr<BIGNUM, BnFree>;
-
-Bn bn_of(const Bytes &b) { return Bn(BN_bin2bn(b.data(), int(b.size()), nullptr)); }
-
-Bytes bytes_of(const BIGNUM *bn, size_t len)
-{
-    Bytes out(len);
-    if (BN_bn2binpad(bn, out.data(), int(len)) < 0) throw std::runtime_error("BN_bn2binpad");
-    return out;
-}
 
 void check(bool ok, const char *what)
 {
     if (!ok) throw std::runtime_error(what);
 }
 
-EVP_PKEY *public_key(const Bytes &n)
+Bytes bytes_of(const BIGNUM *b, size_t len)
 {
-    Bn bn_n = bn_of(n), bn_e(BN_new());
-    BN_set_word(bn_e.get(), 65537);
-    OSSL_PARAM_BLD *bld = OSSL_PARAM_BLD_new();
-    OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_N, bn_n.get());
-    OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_E, bn_e.get());
-    OSSL_PARAM *params = OSSL_PARAM_BLD_to_param(bld);
-    EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr);
-    EVP_PKEY *pkey = nullptr;
-    check(EVP_PKEY_fromdata_init(ctx) == 1 &&
-              EVP_PKEY_fromdata(ctx, &pkey, EVP_PKEY_PUBLIC_KEY, params) == 1,
-          "EVP_PKEY_fromdata");
-    EVP_PKEY_CTX_free(ctx);
-    OSSL_PARAM_free(params);
-    OSSL_PARAM_BLD_free(bld);
-    return pkey;
+    Bytes out(len ? len : size_t(BN_num_bytes(b)));
+    check(BN_bn2binpad(b, out.data(), int(out.size())) >= 0, "BN_bn2binpad");
+    return out;
+}
+
+RsaKey load_key(const char *path)
+{
+    FILE *f = fopen(path, "r");
+    check(f != nullptr, path);
+    EVP_PKEY *pkey = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
+    fclose(f);
+    RsaKey k;
+    for (auto [name, out, len] : {std::tuple{OSSL_PKEY_PARAM_RSA_N, &k.n, 256}, {OSSL_PKEY_PARAM_RSA_E, &k.e, 0},
+                                  {OSSL_PKEY_PARAM_RSA_D, &k.d, 256}}) {
+        BIGNUM *b = nullptr;
+        check(EVP_PKEY_get_bn_param(pkey, name, &b) == 1, path);
+        *out = bytes_of(b, size_t(len));
+        BN_clear_free(b);
+    }
+    EVP_PKEY_free(pkey);
+    return k;
 }
 
 }  // namespace
 
 const RsaKey &test_key(int i)
 {
-    static std::map<int, RsaKey> cache;
-    auto it = cache.find(i);
-    if (it != cache.end()) return it->second;
-    EVP_PKEY *pkey = EVP_RSA_gen(2048);
-    check(pkey != nullptr, "EVP_RSA_gen");
-    BIGNUM *n = nullptr, *d = nullptr;
-    check(EVP_PKEY_get_bn_param(pkey, OSSL_PKEY_PARAM_RSA_N, &n) == 1 &&
-              EVP_PKEY_get_bn_param(pkey, OSSL_PKEY_PARAM_RSA_D, &d) == 1,
-          "EVP_PKEY_get_bn_param");
-    RsaKey key{bytes_of(n, 256), bytes_of(d, 256)};
-    BN_free(n);
-    BN_clear_free(d);
-    EVP_PKEY_free(pkey);
-    return cache.emplace(i, std::move(key)).first->second;
+    static const RsaKey keys[] = {load_key(ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem"),
+                                  load_key(ZIRN_VECTORS_DIR "/second_key.pem")};
+    return keys[i];
 }
 
-bool pss_verify_sha256(const Bytes &n, const Bytes &msg, const Bytes &sig)
+Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len)
 {
-    EVP_PKEY *pkey = public_key(n);
-    EVP_MD_CTX *md = EVP_MD_CTX_new();
-    EVP_PKEY_CTX *pctx = nullptr;
-    check(EVP_DigestVerifyInit(md, &pctx, EVP_sha256(), nullptr, pkey) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
-              EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, 32) == 1 &&
-              EVP_PKEY_CTX_set_rsa_mgf1_md(pctx, EVP_sha256()) == 1,
-          "EVP_DigestVerifyInit");
-    int ok = EVP_DigestVerify(md, sig.data(), sig.size(), msg.data(), msg.size());
-    EVP_MD_CTX_free(md);
-    EVP_PKEY_free(pkey);
+    Bn r(BN_new());
+    check(BN_mod_exp(r.get(), bn(base).get(), bn(exp).get(), bn(n).get(), bn_ctx()) == 1, "BN_mod_exp");
+    return bytes_of(r.get(), len);
+}
+
+bool pss_accepts_em(const Bytes &mhash, const Bytes &em, uint32_t bits, int salt_len)
+{
+    BIGNUM *n = BN_new();  // only the key's bit count matters to the check
+    BN_set_bit(n, int(bits) - 1);
+    BN_set_bit(n, 0);
+    RSA *rsa = RSA_new();
+    RSA_set0_key(rsa, n, bn({0x01, 0x00, 0x01}).release(), nullptr);
+    const int ok = RSA_verify_PKCS1_PSS_mgf1(rsa, mhash.data(), EVP_sha256(), EVP_sha256(), em.data(), salt_len);
+    RSA_free(rsa);
     return ok == 1;
 }
 
-Bytes rsa_public_raw(const Bytes &n, const Bytes &sig)
-{
-    Bn bn_n = bn_of(n), bn_s = bn_of(sig), bn_e(BN_new()), r(BN_new());
-    BN_set_word(bn_e.get(), 65537);
-    BN_CTX *ctx = BN_CTX_new();
-    check(BN_mod_exp(r.get(), bn_s.get(), bn_e.get(), bn_n.get(), ctx) == 1, "BN_mod_exp");
-    BN_CTX_free(ctx);
-    return bytes_of(r.get(), 256);
-}
-
-Bytes aes128_cbc_decrypt(const Bytes &key, const Bytes &iv, const Bytes &ct)
+Bytes cipher(const char *name, const Bytes &key, const Bytes &iv, const Bytes &in, bool enc)
 {
     EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-    Bytes out(ct.size() + 16);
+    Bytes out(in.size() + 16);
     int n1 = 0, n2 = 0;
-    check(EVP_DecryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key.data(), iv.data()) == 1 &&
-              EVP_CIPHER_CTX_set_padding(ctx, 0) == 1 &&
-              EVP_DecryptUpdate(ctx, out.data(), &n1, ct.data(), int(ct.size())) == 1 &&
-              EVP_DecryptFinal_ex(ctx, out.data() + n1, &n2) == 1,
-          "AES-128-CBC decrypt");
+    check(EVP_CipherInit_ex(ctx, EVP_get_cipherbyname(name), nullptr, key.data(), iv.empty() ? nullptr : iv.data(), enc) &&
+              EVP_CIPHER_CTX_set_padding(ctx, 0) && EVP_CipherUpdate(ctx, out.data(), &n1, in.data(), int(in.size())) &&
+              EVP_CipherFinal_ex(ctx, out.data() + n1, &n2),
+          name);
     EVP_CIPHER_CTX_free(ctx);
     out.resize(size_t(n1 + n2));
     return out;
 }
 
-Bytes sha256_of(const Bytes &msg)
+Bytes sha256(const Bytes &msg)
 {
     Bytes out(32);
-    unsigned int len = 0;
-    check(EVP_Digest(msg.data(), msg.size(), out.data(), &len, EVP_sha256(), nullptr) == 1,
-          "EVP_Digest");
+    check(EVP_Digest(msg.data(), msg.size(), out.data(), nullptr, EVP_sha256(), nullptr) == 1, "EVP_Digest");
     return out;
 }
 
-std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &key, const Bytes &dec_param,
-                     const Bytes &n, const Bytes &d)
+Bytes mgf1(const Bytes &seed, size_t len)
 {
-    return "# zirn image protection configuration\n"
-           "IMG_VER = 0x" + to_hex(img_ver) + "\n" +
-           "ENC_PARAM = 0x" + to_hex(iv) + to_hex(key) + "\n" +
-           "DEC_PARAM = 0x" + to_hex(dec_param) + "\n" +
-           "AUTH_PARAM_N = 0x" + to_hex(n) + "\n" +
-           "AUTH_PARAM_D = 0x" + to_hex(d) + "\n";
+    Bytes mask(len + 1);
+    check(PKCS1_MGF1(mask.data(), long(len), seed.data(), long(seed.size()), EVP_sha256()) == 0, "PKCS1_MGF1");
+    mask.resize(len);
+    return mask;
+}
+
+Bn bn(const Bytes &be, bool negative)
+{
+    Bn b(BN_bin2bn(be.data(), int(be.size()), nullptr));
+    BN_set_negative(b.get(), negative);
+    return b;
+}
+
+BN_CTX *bn_ctx()
+{
+    static BN_CTX *ctx = BN_CTX_new();
+    return ctx;
+}
+
+std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key, const Bytes &dec_param,
+                     const RsaKey &rsa, const Bytes *d)
+{
+    return "# zirn image protection configuration\nIMG_VER = 0x" + to_hex(img_ver) + "\nENC_PARAM = 0x" + to_hex(iv) +
+           to_hex(aes_key) + "\nDEC_PARAM = 0x" + to_hex(dec_param) + "\nAUTH_PARAM_N = 0x" + to_hex(rsa.n) +
+           "\nAUTH_PARAM_D = 0x" + to_hex(d ? *d : rsa.d) + "\n";
 }
 
 }  // namespace zt

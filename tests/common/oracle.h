@@ -1,30 +1,46 @@
-// Independent answers from OpenSSL's libcrypto, for tests only: key pairs,
-// RSA-PSS verification, the raw public-key operation, AES-128-CBC, SHA-256.
+// Independent answers from OpenSSL's libcrypto, for tests only.
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include <openssl/bn.h>
 
 #include "testutil.h"
 
 namespace zt {
 
-// RSA-2048 key pair with e = 65537; n and d as 256-byte big-endian strings.
+// RSA-2048 key pairs with e = 65537: n and d as 256-byte big-endian strings, e without leading
+// zeros. Key 0 is the bundled development key, key 1 tests/vectors/second_key.pem.
 struct RsaKey {
-    Bytes n, d;
+    Bytes n, e, d;
 };
-
-// The i-th key of a per-process cache (generated on first use).
 const RsaKey &test_key(int i);
 
-// RSA-PSS verification of sig over msg: SHA-256, MGF1-SHA-256, salt 32, e = 65537.
-bool pss_verify_sha256(const Bytes &n, const Bytes &msg, const Bytes &sig);
-// sig ^ 65537 mod n as a 256-byte big-endian string.
-Bytes rsa_public_raw(const Bytes &n, const Bytes &sig);
-Bytes aes128_cbc_decrypt(const Bytes &key, const Bytes &iv, const Bytes &ct);
-Bytes sha256_of(const Bytes &msg);
+// base ^ exp mod n, big-endian, left-padded to len bytes (0: minimal length).
+Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len = 256);
+// EMSA-PSS check (SHA-256, MGF1-SHA-256) of an encoded message for a modulus of `bits` bits.
+bool pss_accepts_em(const Bytes &mhash, const Bytes &em, uint32_t bits, int salt_len = 32);
+// Unpadded one-shot cipher, e.g. "AES-128-CBC", "AES-192-ECB", "AES-128-CTR".
+Bytes cipher(const char *name, const Bytes &key, const Bytes &iv, const Bytes &in, bool enc);
+Bytes sha256(const Bytes &msg);
+Bytes mgf1(const Bytes &seed, size_t len);
 
-// Text of a configuration file with the five keys, values as 0x + hex.
-std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &key, const Bytes &dec_param,
-                     const Bytes &n, const Bytes &d);
+struct BnFree {
+    void operator()(BIGNUM *b) const { BN_free(b); }
+};
+using Bn = std::unique_ptr<BIGNUM, BnFree>;
+Bn bn(const Bytes &be, bool negative = false);
+BN_CTX *bn_ctx();  // one per program
+
+// RSA-PSS signature over msg with salt length 32 and e = 65537.
+inline bool pss_verify(const Bytes &n, const Bytes &msg, const Bytes &sig)
+{
+    return pss_accepts_em(sha256(msg), modexp(sig, {0x01, 0x00, 0x01}, n), 2048);
+}
+
+// A configuration file with the five keys; d defaults to the key's own.
+std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key, const Bytes &dec_param,
+                     const RsaKey &rsa, const Bytes *d = nullptr);
 
 }  // namespace zt

@@ -1,8 +1,9 @@
-// Small helpers shared by the test programs.
+// Helpers shared by every test program.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -12,22 +13,40 @@ namespace zt {
 
 using Bytes = std::vector<uint8_t>;
 
-// Runs fn with file descriptor 1 redirected to a temporary file and returns
-// everything written to standard output meanwhile (printf and friends).
+// Everything fn writes to standard output (printf and friends).
 std::string capture_stdout(const std::function<void()> &fn);
+// fn's result and what it printed.
+template <class F>
+auto printed(F fn)
+{
+    std::invoke_result_t<F> r{};
+    std::string out = capture_stdout([&] { r = fn(); });
+    return std::pair(r, out);
+}
 
 Bytes from_hex(const std::string &hex);
 std::string to_hex(const uint8_t *p, size_t n);
 inline std::string to_hex(const Bytes &b) { return to_hex(b.data(), b.size()); }
+// n random bytes; the data pointer is never null (null means "absent" to the code under test).
+Bytes random_bytes(std::mt19937_64 &rng, size_t n);
+inline Bytes slice(const Bytes &b, size_t off, size_t n) { return Bytes(b.begin() + long(off), b.begin() + long(off + n)); }
 
-// Parsed JSON vector file from the shared vectors folder.
-nlohmann::json load_vectors(const std::string &file_name);
+// A JSON file of tests/vectors.
+nlohmann::json load_vectors(const std::string &name);
 
-// A fresh empty directory under the system temp folder, removed at exit.
+// A fresh empty directory, removed when the program ends.
 std::string temp_dir();
 void write_file(const std::string &path, const std::string &content);
-void write_file(const std::string &path, const Bytes &content);
+inline void write_file(const std::string &path, const Bytes &b) { write_file(path, std::string(b.begin(), b.end())); }
 Bytes read_file(const std::string &path);
 bool file_exists(const std::string &path);
+
+// Runs an executable (through the command in ZIRN_TEST_RUNNER when set); status is the exit
+// status, or -1 if it did not exit normally.
+struct Run {
+    int status;
+    std::string out, err;
+};
+Run run(const std::string &exe, const std::vector<std::string> &args);
 
 }  // namespace zt

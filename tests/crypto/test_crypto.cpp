@@ -1,0 +1,214 @@
+// AES and SHA-256: the published FIPS 197, SP 800-38A and FIPS 180 answers, OpenSSL on seeded
+// random inputs, the buffer rules of the AES-128 operations and the result codes of SHA-256.
+#include <gtest/gtest.h>
+
+#include "oracle.h"
+#include "rijndael-alg-fst.h"
+#include "sha256.h"
+
+using zt::Bytes;
+
+namespace {
+
+const nlohmann::json &kat()
+{
+    static const nlohmann::json v = zt::load_vectors("aes_sha256_kat.json");
+    return v;
+}
+Bytes hexv(const nlohmann::json &j) { return zt::from_hex(j.get<std::string>()); }
+
+using Op = void (*)(const uint8_t *key, const uint8_t *iv, const uint8_t *in, uint8_t *out, int32_t len);
+template <uint32_t (*op)(const uint8_t *, uint8_t *, uint32_t)>  // the predefined-key calls, which must succeed
+void data(const uint8_t *, const uint8_t *, const uint8_t *in, uint8_t *out, int32_t n)
+{
+    EXPECT_EQ(op(in, out, uint32_t(n)), 0u);
+}
+template <void (*block)(const uint8_t *, const uint8_t *, uint8_t *)>
+void ecb(const uint8_t *k, const uint8_t *, const uint8_t *in, uint8_t *out, int32_t n)
+{
+    for (int32_t i = 0; i < n; i += 16) block(k, in + i, out + i);
+}
+
+// op over len bytes of in, once into a separate buffer guarded by 0xa5 bytes and once in place.
+std::pair<Bytes, Bytes> apply(Op op, const Bytes &key, const Bytes &iv, const Bytes &in, size_t len, size_t off = 0)
+{
+    Bytes src(off + in.size() + 16, 0xa5), dst = src;
+    std::copy(in.begin(), in.end(), src.begin() + long(off));
+    op(key.data(), iv.data(), src.data() + off, dst.data() + off, int32_t(len));
+    op(key.data(), iv.data(), src.data() + off, src.data() + off, int32_t(len));
+    return {zt::slice(dst, off, dst.size() - off), zt::slice(src, off, src.size() - off)};
+}
+Bytes guarded(Bytes b, size_t n) { return b.resize(n, 0xa5), b; }
+
+// msg fed in pieces of the given sizes (the rest in one last piece), through ctx.
+Bytes in_pieces(const Bytes &msg, const std::vector<size_t> &pieces, sha256_ctx ctx = {})
+{
+    size_t off = 0;
+    EXPECT_EQ(ctx.fill ? 0 : sha256_init(&ctx), 0);
+    for (size_t p : pieces) {
+        p = std::min(p, msg.size() - off);
+        EXPECT_EQ(sha256_process(&ctx, msg.data() + off, uint32_t(p)), 0);
+        off += p;
+    }
+    Bytes d(32);
+    EXPECT_EQ(sha256_process(&ctx, msg.data() + off, uint32_t(msg.size() - off)) + sha256_done(&ctx, d.data()), 0);
+    return d;
+}
+
+}  // namespace
+
+TEST(Aes, Fips197ExamplesAndKeySchedules)
+{
+    for (const auto &c : kat()["fips197_cipher"]) {
+        const Bytes key = hexv(c["key"]), pt = hexv(c["plaintext"]), ct = hexv(c["ciphertext"]);
+        const int bits = int(key.size() * 8), nr = bits / 32 + 6;
+        uint32_t ek[60], dk[60];
+        ASSERT_EQ(rijndaelKeySetupEnc(ek, key.data(), bits) + rijndaelKeySetupDec(dk, key.data(), bits), 2 * nr);
+        Bytes enc(16), dec(16), buf = pt;
+        rijndaelEncrypt(ek, nr, pt.data(), enc.data());
+        rijndaelEncrypt(ek, nr, buf.data(), buf.data());
+        rijndaelDecrypt(dk, nr, ct.data(), dec.data());
+        EXPECT_EQ(std::tie(enc, buf, dec), std::tie(ct, ct, pt));  // in place too
+        rijndaelDecrypt(dk, nr, buf.data(), buf.data());
+        EXPECT_EQ(buf, pt);
+    }
+    for (const auto &c : kat()["fips197_key_expansion"]) {
+        const Bytes key = hexv(c["key"]);
+        std::vector<uint32_t> want, rk, rk128(45, 0xdeadbeef);
+        for (const auto &w : c["words"]) want.push_back(uint32_t(std::stoul(w.get<std::string>(), nullptr, 16)));
+        want.push_back(0xdeadbeef);  // the word after the schedule stays untouched
+        rk.assign(want.size(), 0xdeadbeef);
+        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), int(key.size() * 8)), int(want.size() / 4) - 1);
+        EXPECT_EQ(rk, want);
+        EXPECT_TRUE(key.size() != 16 || (rijndaelKeySetupEnc128(rk128.data(), key.data()) == 10 && rk128 == want));
+    }
+    // Unsupported lengths return 0 after loading the eight key words, and write nothing more.
+    const Bytes key = zt::from_hex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+    for (int bits : {64, 0, 129}) {
+        std::vector<uint32_t> rk(9, 0xdeadbeef), dk(9, 0xdeadbeef);
+        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), bits) + rijndaelKeySetupDec(dk.data(), key.data(), bits), 0);
+        EXPECT_EQ(rk, (std::vector<uint32_t>{0x00010203, 0x04050607, 0x08090a0b, 0x0c0d0e0f, 0x10111213, 0x14151617,
+                                              0x18191a1b, 0x1c1d1e1f, 0xdeadbeef}));
+        EXPECT_EQ(dk, rk);
+    }
+}
+
+TEST(Aes, Sp80038aExamplesSeparateAndInPlace)
+{
+    const auto &v = kat()["sp800_38a_aes128"];
+    const Bytes key = hexv(v["key"]), pt = hexv(v["plaintext"]);
+    const std::tuple<Op, Op, Bytes, Bytes> modes[] = {
+        {ecb<vAES128Enc>, ecb<vAES128Dec>, Bytes(16), hexv(v["F.1.1_ecb_ciphertext"])},
+        {vAES128CBCEnc, vAES128CBCDec, hexv(v["F.2.1_cbc_iv"]), hexv(v["F.2.1_cbc_ciphertext"])},
+        {vAES128CTR, vAES128CTR, hexv(v["F.5.1_ctr_initial_counter"]), hexv(v["F.5.1_ctr_ciphertext"])}};
+    for (const auto &[enc, dec, iv, ct] : modes) {
+        const Bytes iv_copy = iv;
+        EXPECT_EQ(apply(enc, key, iv_copy, pt, pt.size()), std::pair(guarded(ct, 80), guarded(ct, 80)));
+        EXPECT_EQ(apply(dec, key, iv_copy, ct, ct.size()), std::pair(guarded(pt, 80), guarded(pt, 80)));
+        EXPECT_EQ(iv_copy, iv) << "IV or counter written";
+    }
+}
+
+// CBC and CTR at every short length and random longer ones (a partial CBC block is processed
+// whole), at random offsets, with counters that carry; nothing past the processed bytes written.
+TEST(Aes, RandomCbcAndCtrMatchOpenSsl)
+{
+    std::mt19937_64 rng(0xcbc);
+    for (int iter = 0; iter < 3000; iter++) {
+        const bool ctr = iter % 2, dec = iter % 4 >= 2;
+        const size_t len = iter < 136 ? size_t(iter / 4) + 1 : 1 + rng() % 700, padded = (len + 15) & ~size_t(15);
+        const size_t done = ctr ? len : padded;
+        const Bytes key = zt::random_bytes(rng, 16), in = zt::random_bytes(rng, padded);
+        Bytes iv = zt::random_bytes(rng, 16);
+        if (iter % 5 == 0) std::fill(iv.begin() + long(rng() % 16), iv.end(), 0xff);
+        Bytes want = zt::slice(zt::cipher(ctr ? "AES-128-CTR" : "AES-128-CBC", key, iv, in, !dec || ctr), 0, done);
+        want.insert(want.end(), in.begin() + long(done), in.end());  // in place: the rest of the input stays
+        const auto [sep, inplace] = apply(ctr ? vAES128CTR : dec ? vAES128CBCDec : vAES128CBCEnc, key, iv, in, len, rng() % 16);
+        ASSERT_EQ(zt::slice(sep, 0, done), zt::slice(want, 0, done)) << iter;
+        ASSERT_EQ(zt::slice(sep, done, sep.size() - done), Bytes(sep.size() - done, 0xa5)) << iter;
+        ASSERT_EQ(zt::slice(inplace, 0, padded), want) << iter;
+    }
+}
+
+// The predefined-key operations against their documented rule, built from OpenSSL: CBC over the
+// whole blocks under the module's key and IV, the tail masked with the encryption of the last
+// ciphertext block (or the IV).
+TEST(Aes, PredefinedKeyDataMatchesItsRuleAndRoundTrips)
+{
+    const Bytes key = zt::from_hex("3c9f1a7e52d04b86e1a9077c5fb2d418"), iv = zt::from_hex("d27a4e0193bc5f68a4e21d7730c98b5e");
+    std::mt19937_64 rng(100);
+    for (uint32_t len = 1; len <= 100; len++) {
+        const Bytes pt = zt::random_bytes(rng, len);
+        const size_t full = len & ~15u;
+        Bytes want = zt::cipher("AES-128-CBC", key, iv, zt::slice(pt, 0, full), true);
+        const Bytes ks = zt::cipher("AES-128-ECB", key, {}, full ? zt::slice(want, full - 16, 16) : iv, true);
+        for (size_t i = full; i < len; i++) want.push_back(pt[i] ^ ks[i - full]);
+        EXPECT_EQ(apply(data<uiEncData>, {}, {}, pt, len), std::pair(guarded(want, len + 16), guarded(want, len + 16))) << len;
+        EXPECT_EQ(apply(data<uiDecData>, {}, {}, want, len), std::pair(guarded(pt, len + 16), guarded(pt, len + 16))) << len;
+    }
+}
+
+TEST(Aes, RejectedCallsWriteNothing)
+{
+    const Bytes key(16, 1), iv(16, 2), in(32, 3);
+    Bytes out(32, 0xee);
+    uint32_t rc = ~0u;
+    for (int32_t len : {0, -1, INT32_MIN})
+        for (Op op : {vAES128CBCEnc, vAES128CBCDec, vAES128CTR}) op(key.data(), iv.data(), in.data(), out.data(), len);
+    vAES128CTR(nullptr, iv.data(), in.data(), out.data(), 16);
+    vAES128CTR(key.data(), nullptr, in.data(), out.data(), 16);
+    vAES128CTR(key.data(), iv.data(), nullptr, out.data(), 16);
+    vAES128CTR(key.data(), iv.data(), in.data(), nullptr, 16);
+    for (auto fn : {uiEncData, uiDecData}) rc &= fn(nullptr, out.data(), 16) & fn(in.data(), out.data(), 0) & fn(in.data(), nullptr, 16);
+    EXPECT_EQ(std::pair(out, rc), std::pair(Bytes(32, 0xee), 0xFFFFFFFFu));
+}
+
+TEST(Sha256, PublishedVectorsWholeAndInPiecesAndRandomMessagesMatchOpenSsl)
+{
+    const nlohmann::json v = zt::load_vectors("aes_sha256_kat.json");
+    ASSERT_EQ(v["sha256"].size(), 15u);
+    for (const auto &c : v["sha256"]) {
+        Bytes msg = zt::from_hex(c.value("msg_hex", "")), d(32);
+        const std::string unit = c.value("msg_ascii_repeat", ""), want = c["digest"];
+        for (int i = 0; i < c.value("repeat", 0); i++) msg.insert(msg.end(), unit.begin(), unit.end());
+        msg.reserve(1);
+        ASSERT_EQ(sha256(msg.data(), uint32_t(msg.size()), d.data()), 0);
+        EXPECT_EQ(std::pair(zt::to_hex(d), zt::to_hex(in_pieces(msg, std::vector<size_t>(msg.size() / 37, 37)))), std::pair(want, want)) << c["name"];
+    }
+    std::mt19937_64 rng(20261122);
+    for (int iter = 0; iter < 3000; iter++) {
+        const Bytes msg = zt::random_bytes(rng, rng() % (iter < 2500 ? 300 : 5000));
+        std::vector<size_t> pieces(rng() % 8);
+        for (auto &p : pieces) p = rng() % 2 ? rng() % 130 : rng() % 3;
+        ASSERT_EQ(in_pieces(msg, pieces), zt::sha256(msg)) << iter;
+    }
+}
+
+TEST(Sha256, ResultCodesLeaveTheContextAlone)
+{
+    uint8_t in[8] = {1, 2, 3}, out[32];
+    for (auto [fill, call, want] : {std::tuple{0u, std::function<int(sha256_ctx *)>([](sha256_ctx *) { return sha256_init(nullptr); }), -1},
+                                    {0, [&](sha256_ctx *) { return sha256_process(nullptr, in, 3); }, -1},
+                                    {0, [](sha256_ctx *c) { return sha256_process(c, nullptr, 0); }, -2},
+                                    {65, [&](sha256_ctx *c) { return sha256_process(c, in, 0); }, -3},
+                                    {0, [&](sha256_ctx *) { return sha256_done(nullptr, out); }, -2},
+                                    {64, [](sha256_ctx *c) { return sha256_done(c, nullptr); }, -3},
+                                    {64, [&](sha256_ctx *c) { return sha256_done(c, out); }, -4},
+                                    {0, [&](sha256_ctx *) { return sha256(nullptr, 0, out); }, -2},
+                                    {0, [&](sha256_ctx *) { return sha256(in, 3, nullptr); }, -3}}) {
+        sha256_ctx ctx{};
+        sha256_init(&ctx);
+        ctx.fill = fill;
+        const sha256_ctx before = ctx;
+        const int rc = call(&ctx);
+        EXPECT_EQ(std::pair(rc, memcmp(&before, &ctx, sizeof ctx)), std::pair(want, 0));
+    }
+    // A buffer holding a whole block is compressed before new bytes join it.
+    Bytes msg(70);
+    for (size_t i = 0; i < msg.size(); i++) msg[i] = uint8_t(i);
+    sha256_ctx ctx{};
+    sha256_init(&ctx);
+    std::copy(msg.begin(), msg.begin() + 64, ctx.buffer);
+    ctx.fill = 64;
+    EXPECT_EQ(in_pieces(zt::slice(msg, 64, 6), {}, ctx), zt::sha256(msg));
+}

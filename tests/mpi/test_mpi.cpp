@@ -1,0 +1,284 @@
+// Big integers: OpenSSL's BIGNUM as the oracle on seeded random operands, the documented cases it
+// does not reach, allocation failure at every allocation, precondition aborts, wiped releases.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "mpi_internal.h"
+#include "oracle.h"
+
+using zt::Bytes;
+
+namespace {
+
+struct Mp {
+    mp_int v{};
+    Mp() { EXPECT_EQ(mp_init(&v), MP_OK); }
+    explicit Mp(const mp_int *from) { EXPECT_EQ(mp_init_copy(&v, from), MP_OK); }  // exact-size array
+    Mp(const Mp &) = delete;
+    ~Mp() { mp_clear(&v); }
+    mp_int *operator&() { return &v; }
+    mp_int *operator->() { return &v; }
+};
+
+void set(mp_int *mp, const Bytes &mag, bool negative = false)
+{
+    ASSERT_EQ(mp_read_unsigned_bin(mp, mag.data(), int32_t(mag.size())), MP_OK);
+    if (negative && !(mp->used == 1 && mp->digits[0] == 0)) mp->sign = MP_MINUS;
+}
+void set_hex(mp_int *mp, const std::string &hex)  // "-1f00"
+{
+    const std::string digits = hex.substr(hex[0] == '-');
+    set(mp, zt::from_hex(std::string(digits.size() % 2, '0') + digits), hex[0] == '-');
+}
+Bytes mag(const mp_int *mp)
+{
+    Bytes b(size_t(mp_unsigned_bin_size(mp)));
+    EXPECT_EQ(mp_to_unsigned_bin(mp, b.data()), MP_OK);
+    return b;
+}
+std::string hex(const mp_int *mp)  // "-1f00", "0"
+{
+    const std::string h = zt::to_hex(mag(mp));
+    return (mp->sign == MP_MINUS ? "-" : "") + h.substr(std::min(h.find_first_not_of('0'), h.size() - 1));
+}
+zt::Bn bn(const mp_int *mp) { return zt::bn(mag(mp), mp->sign == MP_MINUS); }
+
+// "" when got is a valid record (the invariants every public operation restores) holding want.
+std::string same(const mp_int *got, const BIGNUM *want)
+{
+    bool ok = got->used >= 1 && got->used <= got->alloc && (got->used == 1 || got->digits[got->used - 1] != 0) &&
+              !(got->used == 1 && got->digits[0] == 0 && got->sign == MP_MINUS);
+    for (uint32_t i = got->used; i < got->alloc; i++) ok = ok && got->digits[i] == 0;
+    Bytes w(size_t(std::max(BN_num_bytes(want), 1)));
+    BN_bn2binpad(want, w.data(), int(w.size()));
+    return ok && mag(got) == w && (got->sign == MP_MINUS) == bool(BN_is_negative(want)) ? "" : "got " + hex(got) + ", want " + zt::to_hex(w);
+}
+
+// lo..hi digits, a random sign; some with runs of 0x0000 / 0xFFFF digits, a top digit of 1 or
+// 0x8000, or only the digits 0, 1, 0x8000 and 0xFFFF: carries, borrows, skipped rows, normalisation.
+void random_mp(std::mt19937_64 &rng, mp_int *mp, uint32_t lo, uint32_t hi, bool negative_ok = true)
+{
+    const unsigned style = unsigned(rng() % 8);
+    Bytes b;
+    for (uint32_t i = 0, n = lo + uint32_t(rng() % (hi - lo + 1)); i < n; i++) {
+        const mp_digit pick[] = {0, 1, 0x8000, 0xFFFF};
+        mp_digit d = style == 5 ? pick[rng() % 4] : mp_digit(rng());
+        if ((style == 1 || style == 2) && rng() % 3 == 0) d = style == 1 ? 0xFFFF : 0;
+        if (i == 0 && (style == 3 || style == 4)) d = style == 3 ? 1 : 0x8000;
+        b.insert(b.end(), {uint8_t(d >> 8), uint8_t(d | (i == 0 && d == 0))});  // a non-zero top digit
+    }
+    set(mp, b, negative_ok && rng() % 2);
+}
+
+}  // namespace
+
+TEST(Mpi, ArithmeticMatchesBignum)
+{
+    std::mt19937_64 rng(0x5eed0001);
+    BN_CTX *ctx = zt::bn_ctx();
+    for (int iter = 0; iter < 3000; iter++) {
+        Mp a, b;
+        random_mp(rng, &a, 1, iter % 3 ? 600 : 16);
+        random_mp(rng, &b, 1, iter % 3 ? 300 : 8);
+        ASSERT_EQ(iter % 20 ? MP_OK : mp_copy(&a, &b), MP_OK);  // now and then equal magnitudes,
+        if (iter % 40 == 0) b->sign = !b->sign;                 // of either sign
+        const zt::Bn A = bn(&a), B = bn(&b);
+        std::vector<zt::Bn> r;
+        for (int i = 0; i < 8; i++) r.emplace_back(BN_new());
+        for (auto [f, g] : {std::pair{&mp_add, &BN_add}, {&mp_sub, &BN_sub}}) {
+            g(r[0].get(), A.get(), B.get());
+            g(r[1].get(), A.get(), A.get());
+            Mp c1, c2(&a), c3(&b), c4(&a), c5;  // c apart, c = a, c = b, all one, a = b
+            ASSERT_EQ(f(&a, &b, &c1) + f(&c2, &b, &c2) + f(&a, &c3, &c3) + f(&c4, &c4, &c4) + f(&a, &a, &c5), MP_OK);
+            ASSERT_EQ(same(&c1, r[0].get()) + same(&c2, r[0].get()) + same(&c3, r[0].get()) + same(&c4, r[1].get()) +
+                          same(&c5, r[1].get()), "") << iter;
+        }
+        BN_mul(r[2].get(), A.get(), B.get(), ctx);
+        BN_set_negative(r[2].get(), 0);
+        BN_sqr(r[3].get(), A.get(), ctx);
+        BN_div(r[4].get(), r[5].get(), A.get(), B.get(), ctx);
+        BN_set_negative(B.get(), 0);
+        BN_nnmod(r[6].get(), A.get(), B.get(), ctx);
+        Mp x(&a), y(&a), z(&a), q, rem, res, in_place(&a), pos(&b);
+        pos->sign = MP_PLUS;
+        ASSERT_EQ(s_mp_mul(&x, &b) + s_mp_sqr(&y) + s_mp_mul(&z, &z), MP_OK);
+        ASSERT_EQ(mp_div(&a, &b, &q, &rem) + mp_div(&in_place, &b, &in_place, nullptr) + mp_mod(&a, &pos, &res), MP_OK);
+        ASSERT_EQ(same(&x, r[2].get()) + same(&y, r[3].get()) + same(&z, r[3].get()) + same(&q, r[4].get()) + same(&rem, r[5].get()) +
+                      same(&in_place, r[4].get()) + same(&res, r[6].get()) + same(&a, A.get()), "") << iter;
+        EXPECT_EQ(std::pair(x->alloc, y->alloc), std::pair(a->used + b->used, 2 * a->used));
+    }
+}
+
+TEST(Mpi, ExponentiationMatchesBignum)
+{
+    std::mt19937_64 rng(0x5eed0005);
+    for (auto [count, base, exp, mod_lo, mod_hi] : {std::tuple{1500, 12u, 4u, 1u, 8u}, {40, 300, 2, 1, 300}, {4, 128, 128, 128, 128}}) {
+        for (int iter = 0; iter < count; iter++) {
+            Mp a, b, m, c;
+            random_mp(rng, &a, 1, base);
+            random_mp(rng, &b, 1, exp, false);
+            random_mp(rng, &m, mod_lo, mod_hi, false);
+            zt::Bn x(BN_new()), want(BN_new());
+            BN_nnmod(x.get(), bn(&a).get(), bn(&m).get(), zt::bn_ctx());
+            BN_mod_exp(want.get(), x.get(), bn(&b).get(), bn(&m).get(), zt::bn_ctx());
+            ASSERT_EQ(mp_exptmod(&a, &b, &m, &c), MP_OK);
+            ASSERT_EQ(same(&c, want.get()), "") << hex(&a) << " ^ " << hex(&b) << " mod " << hex(&m);
+        }
+    }
+}
+
+TEST(Mpi, DocumentedCases)
+{
+    const struct {
+        char op;  // - / (quotient and remainder) % (residue) ^ (power mod m)
+        const char *a, *b, *m;
+        mp_err code;
+        const char *want;  // results untouched: "77 55"
+    } rows[] = {
+        {'-', "3", "3", "0", MP_OK, "0"},                {'/', "1234", "0", "0", MP_OUT_OF_RANGE, "77 55"},
+        {'%', "7", "-3", "0", MP_OUT_OF_RANGE, "55"},     {'%', "0", "0", "0", MP_OK, "0"},
+        {'%', "5", "0", "0", MP_OUT_OF_RANGE, "55"},      {'%', "-6", "3", "0", MP_OK, "0"},
+        {'^', "5", "0", "7", MP_OK, "1"},                {'^', "5", "0", "1", MP_OK, "1"},
+        {'^', "0", "5", "7", MP_OK, "0"},                {'^', "1234567", "1", "1", MP_OK, "0"},
+        {'^', "2", "10000", "3", MP_OK, "1"},            {'^', "123", "-1", "7", MP_OUT_OF_RANGE, "55"},
+        {'^', "123", "1", "-7", MP_OUT_OF_RANGE, "55"},  {'^', "123", "1", "0", MP_OUT_OF_RANGE, "55"},
+    };
+    for (const auto &r : rows) {
+        Mp a, b, m, q, c;
+        set_hex(&a, r.a), set_hex(&b, r.b), set_hex(&m, r.m), set_hex(&q, "77"), set_hex(&c, "55");
+        const mp_err code = r.op == '-' ? mp_sub(&a, &b, &c) : r.op == '/' ? mp_div(&a, &b, &q, &c)
+                            : r.op == '%' ? mp_mod(&a, &b, &c) : mp_exptmod(&a, &b, &m, &c);
+        EXPECT_EQ(std::tuple(code, (r.op == '/' ? hex(&q) + " " : "") + hex(&c), c->sign), std::tuple(r.code, r.want, MP_PLUS));
+    }
+    for (int which = 0; which < 3; which++) {  // the result may be the base, the exponent or the modulus
+        Mp x[3];
+        set_hex(&x[0], "123456789abcdef0123"), set_hex(&x[1], "fedcba98765"), set_hex(&x[2], "f123456789abcdef01234567");
+        ASSERT_EQ(mp_exptmod(&x[0], &x[1], &x[2], &x[which]), MP_OK);
+        EXPECT_EQ(hex(&x[which]), "9e77eabb45c2d1ca77c33c72") << which;
+    }
+}
+
+TEST(Mpi, RepresentationAndKernels)
+{
+    for (auto [in, used, alloc, out] : {std::tuple{"00", 1u, 64u, "00"}, {"000001", 1, 64, "01"}, {"010000", 2, 64, "010000"}}) {
+        Mp a;
+        set_hex(&a, "-123456789abcdef");  // replaced entirely by the read
+        set(&a, zt::from_hex(in));
+        EXPECT_EQ(std::tuple(a->used, a->alloc, zt::to_hex(mag(&a)), a->sign), std::tuple(used, alloc, out, MP_PLUS));
+    }
+    for (auto [bytes, used, alloc] : {std::tuple{128, 64u, 64u}, {129, 65, 128}, {256, 128, 128}}) {
+        Mp a;
+        const Bytes in(size_t(bytes), 0x81);
+        set(&a, in);
+        EXPECT_EQ(std::tuple(a->used, a->alloc, mag(&a)), std::tuple(used, alloc, in));
+    }
+    // Single-digit product and sum on exact-size arrays: every carry out of the top must grow them.
+    for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"}, {"ffff", 0xFFFF, "fffe0001", "1fffe"}, {"1ffff", 0xFFFF, "1fffd0001", "2fffe"},
+                                   {"ffffffffffff", 1, "ffffffffffff", "1000000000000"}, {"123456789", 0, "0", "123456789"}}) {
+        Mp src;
+        set_hex(&src, a);
+        Mp p(&src), s(&src);
+        ASSERT_EQ(s_mp_mul_d(&p, mp_digit(d)) + s_mp_add_d(&s, mp_digit(d)), MP_OK);
+        EXPECT_EQ(std::tuple(hex(&p), hex(&s)), std::tuple(prod, sum));
+    }
+    // Copies: exact size, or into the existing array when it is large enough; growth in steps of 64.
+    Mp a, big, z;
+    mp_int small{};
+    set_hex(&a, "-1000000000000000000000000");
+    mp_digit *big_digits = big->digits;
+    ASSERT_EQ(mp_init_size(&small, 2) + mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2), MP_OK);
+    EXPECT_EQ(std::tuple(big->digits, small.alloc, hex(&small), hex(&big), z->used), std::tuple(big_digits, 7u, hex(&a), hex(&a), 3u));
+    ASSERT_EQ(mp_init_copy(&a, &a) + s_mp_grow(&a, 65), MP_OK);
+    mp_clear(&small);
+    mp_clear(&small);
+    EXPECT_EQ(std::tuple(a->alloc, small.digits, small.used, small.alloc), std::tuple(128u, nullptr, 0u, 0u));
+}
+
+namespace {
+
+int64_t g_dirty_releases = 0;
+void check_wiped(const mp_digit *d, uint32_t n)
+{
+    for (uint32_t i = 0; i < n; i++) g_dirty_releases += d[i] != 0;
+}
+
+// Fails each allocation that op makes in turn (with spread > 0: the first eight, then spread more
+// across the run): every run must report out of memory, leave the records in keep as they were,
+// release what it obtained and wipe what it releases.
+void fail_each_allocation(const std::function<mp_err()> &op, const std::vector<mp_int *> &keep, uint64_t spread = 0)
+{
+    s_mp_set_release_probe(check_wiped);
+    g_dirty_releases = 0;
+    std::deque<Mp> saved;
+    for (mp_int *k : keep) saved.emplace_back(k);
+    const uint64_t before = s_mp_alloc_calls();
+    ASSERT_EQ(op(), MP_OK);
+    const uint64_t count = s_mp_alloc_calls() - before;
+    for (size_t i = 0; i < keep.size(); i++) ASSERT_EQ(mp_copy(&saved[i].v, keep[i]), MP_OK);
+    const auto state = [&] {
+        std::vector<std::pair<mp_digit *, std::vector<mp_digit>>> st;
+        for (mp_int *k : keep) st.emplace_back(k->digits, std::vector<mp_digit>(k->digits, k->digits + k->alloc));
+        return std::pair(st, s_mp_live_arrays());
+    };
+    for (uint64_t n = 1; n <= count; n += spread && n >= 8 ? std::max<uint64_t>(1, count / spread) : 1) {
+        const auto before_run = state();
+        s_mp_alloc_fail_nth(n);
+        const mp_err res = op();
+        s_mp_alloc_fail_nth(0);
+        ASSERT_EQ(res, MP_NOMEM) << "allocation " << n << " of " << count;
+        ASSERT_TRUE(state() == before_run) << "records changed or arrays leaked by failed allocation " << n;
+    }
+    s_mp_set_release_probe(nullptr);
+    EXPECT_EQ(g_dirty_releases, 0);
+}
+
+}  // namespace
+
+TEST(Mpi, EveryAllocationFailureIsCleanAndEveryReleaseWiped)
+{
+    std::mt19937_64 rng(0xa110c001);
+    const zt::RsaKey &key = zt::test_key(0);
+    Mp a, e, d, n, c, q, r;
+    set(&a, zt::random_bytes(rng, 255)), set(&e, key.e), set(&d, key.d), set(&n, key.n), set_hex(&c, "-1234567");
+    fail_each_allocation([&] { return mp_exptmod(&a, &e, &n, &c); }, {&a, &e, &n, &c});
+    fail_each_allocation([&] { return mp_exptmod(&a, &d, &n, &c); }, {&a, &d, &n, &c}, 12);
+    for (int iter = 0; iter < 4; iter++) {
+        random_mp(rng, &a, 30, 200);  // longer than the modulus, either sign: reduced by division
+        random_mp(rng, &e, 2, 3, false);
+        random_mp(rng, &n, 10, 60, false);
+        fail_each_allocation([&] { return mp_exptmod(&a, &e, &n, &c); }, {&a, &e, &n, &c});
+        fail_each_allocation([&] { return mp_div(&a, &n, &q, &r); }, {&a, &n, &q, &r});
+        fail_each_allocation([&] { return mp_mod(&a, &n, &c); }, {&a, &n});
+        for (auto f : {mp_add, mp_sub}) {  // the difference is formed in a temporary when c is b
+            n->sign = mp_sign(a->sign ^ (f == mp_add));
+            fail_each_allocation([&] { return f(&a, &n, &n); }, {&a, &n});
+        }
+    }
+}
+
+// Active in every build type, Release included.
+TEST(MpiDeathTest, PreconditionsAbortWithTheConditionText)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    uint8_t byte = 1;
+    mp_int raw{};
+    Mp a;
+    const std::pair<std::string, std::function<void()>> cases[] = {
+        {"mp_init_size: Assertion `mp != \\(\\(void \\*\\)0\\) && prec > 0'", [] { mp_init(nullptr); }},
+        {"mp_init_size: Assertion `mp != .* && prec > 0'", [&] { mp_init_size(&raw, 0); }},
+        {"mp_init_copy: Assertion `mp != .* && from != ", [&] { mp_init_copy(&raw, nullptr); }},
+        {"mp_init_copy: Assertion `mp != .* && from != ", [&] { s_mp_reduce(nullptr, &a, &a); }},
+        {"mp_copy: Assertion `from != .* && to != ", [&] { mp_copy(&a, nullptr); }},
+        {"mp_read_unsigned_bin: Assertion `mp != .* && str != .* && len > 0'", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
+        {"mp_unsigned_bin_size: Assertion `mp != ", [] { mp_unsigned_bin_size(nullptr); }},
+        {"mp_to_unsigned_bin: Assertion `mp != .* && str != ", [&] { mp_to_unsigned_bin(&a, nullptr); }},
+        {"mp_cmp: Assertion `a != .* && b != ", [&] { mp_cmp(&a, nullptr); }},
+        {"mp_add: Assertion `a != .* && b != .* && c != ", [&] { mp_add(&a, &a, nullptr); }},
+        {"mp_sub: Assertion `a != .* && b != .* && c != ", [&] { mp_sub(nullptr, &a, &a); }},
+        {"mp_div: Assertion `a != .* && b != ", [&] { mp_div(&a, nullptr, &a, &a); }},
+        {"mp_mod: Assertion `a != .* && m != .* && c != ", [&] { mp_mod(&a, &a, nullptr); }},
+        {"mp_exptmod: Assertion `a != .* && b != .* && c != ", [&] { mp_exptmod(&a, &a, &a, nullptr); }},
+    };
+    for (const auto &[text, call] : cases) EXPECT_DEATH(call(), text);
+}

@@ -1,0 +1,402 @@
+// The signature scheme: PSS encoding, MGF1 and decoding against OpenSSL and the published
+// Wycheproof RSA-PSS vectors (2048 bits, SHA-256, MGF1-SHA-256, salt 32); the verification route
+// (word-array exponentiation, then decoding) against them and against 64-bit arithmetic and
+// OpenSSL's BIGNUM; the RSA private-key operation against OpenSSL, with its checks and messages.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <ctime>
+
+#include "hexdump.h"
+#include "mpi_internal.h"
+#include "oracle.h"
+#include "rsa.h"
+#include "rsa2048.h"
+#include "rsa2048_pss.h"
+
+static_assert(std::endian::native == std::endian::little, "words are moved as little-endian bytes");
+
+// Linked with --wrap=malloc: the n-th allocation of the project's own code from now fails.
+extern "C" void *__real_malloc(size_t size);
+static int g_fail_malloc = 0;
+extern "C" void *__wrap_malloc(size_t size) { return g_fail_malloc > 0 && --g_fail_malloc == 0 ? nullptr : __real_malloc(size); }
+
+using zt::Bytes;
+using namespace std::string_literals;
+
+namespace {
+
+using Verdict = std::tuple<int32_t, int32_t, std::string>;  // result, verdict, printed
+
+Verdict decode(const Bytes &mhash, const Bytes &em, uint32_t salt_len = 32, uint32_t bits = 2048)
+{
+    int32_t verdict = 99;
+    const auto [rc, out] = zt::printed([&] {
+        return pkcs_1_pss_decode_sha256(mhash.data(), uint32_t(mhash.size()), em.data(), uint32_t(em.size()), salt_len, bits, &verdict);
+    });
+    return {rc, verdict, out};
+}
+
+// The encoded message the verification route recovers from a signature, as the pipeline runs it:
+// signature and modulus byte-reversed into 64 words, raised to 65537, reversed back.
+Bytes route(const Bytes &sig, const Bytes &n)
+{
+    uint32_t s[64], m[64], r[64];
+    for (int i = 0; i < 256; i++) reinterpret_cast<uint8_t *>(s)[i] = sig[255 - i], reinterpret_cast<uint8_t *>(m)[i] = n[255 - i];
+    RSADecryption65537(s, m, r);
+    Bytes em(256);
+    for (int i = 0; i < 256; i++) em[i] = reinterpret_cast<uint8_t *>(r)[255 - i];
+    return em;
+}
+
+// {result, output length, output, printed}; with a salt through the unit-internal entry.
+auto encode(const Bytes &mhash, uint32_t salt_len, uint32_t bits, const Bytes *salt = nullptr, uint32_t cap = 512)
+{
+    Bytes em(cap, 0xEE);
+    uint32_t len = cap;
+    const auto [rc, out] = zt::printed([&] {
+        return salt ? s_pkcs_1_pss_encode_sha256(mhash.data(), uint32_t(mhash.size()), salt->data(), salt_len, bits, em.data(), &len)
+                    : pkcs_1_pss_encode_sha256(mhash.data(), uint32_t(mhash.size()), salt_len, bits, em.data(), &len);
+    });
+    if (rc == 0) em.resize(len);
+    return std::tuple(rc, len, em, out);
+}
+
+// H = SHA-256(8 zero bytes || mhash || salt).
+Bytes pss_hash(const Bytes &mhash, const Bytes &salt)
+{
+    Bytes m(8 + mhash.size() + salt.size(), 0);
+    std::copy(salt.begin(), salt.end(), std::copy(mhash.begin(), mhash.end(), m.begin() + 8));
+    return zt::sha256(m);
+}
+
+// The encoded message of a chosen DB and H, masked with OpenSSL's MGF1.
+Bytes build_em(Bytes db, const Bytes &h, uint8_t top_mask = 0x7F)
+{
+    const Bytes mask = zt::mgf1(h, db.size());
+    for (size_t i = 0; i < db.size(); i++) db[i] ^= mask[i];
+    db[0] &= top_mask;
+    db.insert(db.end(), h.begin(), h.end());
+    db.push_back(0xBC);
+    return db;
+}
+
+// The salt inside an encoded message, unmasked with OpenSSL's MGF1.
+Bytes salt_of(const Bytes &em, size_t salt_len)
+{
+    const size_t db_len = em.size() - 33;
+    const Bytes mask = zt::mgf1(zt::slice(em, db_len, 32), db_len);
+    Bytes salt(salt_len);
+    for (size_t i = 0; i < salt_len; i++) salt[i] = em[db_len - salt_len + i] ^ mask[db_len - salt_len + i];
+    return salt;
+}
+
+// {result, output length, output, printed} of one call with a cap-byte output prefilled with 0xEE.
+auto exptmod(const Bytes &in, const Bytes &key, const Bytes &mod, uint32_t cap = 256)
+{
+    Bytes out(cap, 0xEE);
+    uint32_t len = cap;
+    const auto [rc, printed] = zt::printed([&] {
+        return rsa_exptmod(in.data(), int32_t(in.size()), out.data(), &len, key.data(), int32_t(key.size()), mod.data(), int32_t(mod.size()));
+    });
+    return std::tuple(rc, len, out, printed);
+}
+std::string dump(const Bytes &b) { return "0x" + zt::to_hex(b) + "\n"; }
+Bytes operator+(Bytes b, uint8_t x) { return b.push_back(x), b; }
+Bytes padded(const Bytes &b, size_t len) { return zt::from_hex(std::string(2 * (len - b.size()), '0') + zt::to_hex(b)); }
+
+using Op = std::array<uint32_t, 64>;
+zt::Bn bn(const Op &w)
+{
+    Bytes be(256);
+    for (int i = 0; i < 256; i++) be[255 - i] = uint8_t(w[size_t(i / 4)] >> (8 * (i % 4)));
+    return zt::bn(be);
+}
+Op words(const BIGNUM *b)
+{
+    Bytes be(256);
+    BN_bn2binpad(b, be.data(), 256);
+    Op w{};
+    for (int i = 0; i < 256; i++) w[size_t(i / 4)] |= uint32_t(be[255 - i]) << (8 * (i % 4));
+    return w;
+}
+Op random_op(std::mt19937_64 &rng, uint32_t len)  // exactly len significant words
+{
+    Op a{};
+    for (uint32_t i = 0; i < len; i++) a[i] = uint32_t(rng()) | (i + 1 == len);
+    return a;
+}
+
+}  // namespace
+
+TEST(Pss, Mgf1RejectsMissingBuffers)
+{
+    uint8_t b[4];
+    for (auto [seed, mask] : {std::pair<uint8_t *, uint8_t *>{nullptr, b}, {b, nullptr}})
+        EXPECT_EQ(zt::printed([&, seed = seed, mask = mask] { return pkcs_1_mgf1_sha256(seed, 4, mask, 4); }),
+                  std::pair(-1, "Error: wrong input parameter for pkcs_1_mgf1_sha256 operation\n"s));
+}
+
+// Every case through the verification route; the encoded message of every valid signature is
+// also rebuilt by the encoder from its salt.
+TEST(Pss, WycheproofVectors)
+{
+    int valid = 0, invalid = 0;
+    const nlohmann::json v = zt::load_vectors("wycheproof_rsa_pss_2048_sha256_mgf1_32_test.json");
+    for (const auto &g : v["testGroups"]) {
+        Bytes n = zt::from_hex(g["publicKey"]["modulus"]);
+        n.erase(n.begin(), n.end() - 256);
+        for (const auto &t : g["tests"]) {
+            const Bytes sig = zt::from_hex(t["sig"]), digest = zt::sha256(zt::from_hex(t["msg"]));
+            if (sig.size() != 256) continue;  // not a 2048-bit number: never reaches the route
+            const Bytes em = route(sig, n), salt = salt_of(em, 32);
+            const auto [rc, verdict, out] = decode(digest, em);
+            if (t["result"] == "valid") {
+                valid++;
+                EXPECT_EQ(std::tuple(rc, verdict, std::get<2>(encode(digest, 32, 2048, &salt))), std::tuple(0, 1, em)) << t["tcId"];
+            } else {
+                invalid++;
+                EXPECT_NE(verdict, 1) << t["tcId"];
+            }
+        }
+    }
+    EXPECT_EQ(std::pair(valid, invalid > 30), std::pair(63, true));
+}
+
+TEST(Pss, EncoderFailures)
+{
+    const Bytes digest(32, 1);
+    uint8_t out[256];
+    uint32_t len = 256;
+    for (auto [h, o, l] : {std::tuple{(const uint8_t *)nullptr, out, &len}, {digest.data(), nullptr, &len}, {digest.data(), out, nullptr}})
+        EXPECT_EQ(zt::printed([&, h = h, o = o, l = l] { return pkcs_1_pss_encode_sha256(h, 32, 32, 2048, o, l); }),
+                  std::pair(-1, "Error: wrong input parameter for pkcs_1_pss_encode_sha256 operation\n"s));
+    const std::string mgf_alloc = "Error: fail to allocate memory for pkcs_1_mgf1_sha256 operation\n",
+                      alloc = "Error: fail to allocate memory for pkcs_1_pss_encode_sha256 operation\n";
+    const struct {
+        uint32_t salt_len, bits, cap;
+        int fail_malloc;
+        int32_t rc;
+        std::string out;  // "(...)": the lengths of the length message
+        uint32_t len;     // reported back
+    } cases[] = {{223, 2048, 512, 0, -2, "(m = 256, h = 32, s = 223)", 512}, {257, 2048, 512, 0, -2, "(m = 256, h = 32, s = 257)", 512},
+                 {0xFFFFFFFFu, 2048, 512, 0, -2, "(m = 256, h = 32, s = -1)", 512}, {0, 264, 512, 0, -2, "(m = 33, h = 32, s = 0)", 512},
+                 {32, 0, 512, 0, -2, "(m = 0, h = 32, s = 32)", 512}, {32, 2048, 255, 0, -4, "", 256},
+                 {32, 2048, 512, 1, -3, alloc, 512}, {32, 2048, 512, 4, -3, alloc, 512},
+                 {32, 2048, 512, 6, -2, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_encode_sha256 operation\n", 512}};
+    for (const auto &c : cases) {
+        g_fail_malloc = c.fail_malloc;
+        const auto [rc, len, em, out] = encode(digest, c.salt_len, c.bits, nullptr, c.cap);
+        g_fail_malloc = 0;
+        const std::string want = c.out[0] == '(' ? "Error: wrong input parameter length " + c.out + " for pkcs_1_pss_encode_sha256 operation\n" : c.out;
+        EXPECT_EQ(std::tuple(rc, len, em, out), std::tuple(c.rc, c.len, Bytes(c.cap, 0xEE), want));  // output untouched
+    }
+    Bytes em(256, 0x3C);
+    em.back() = 0xBC;
+    g_fail_malloc = 1;  // the decoder's own buffers, then those of its mask
+    const Verdict d1 = decode(digest, em);
+    g_fail_malloc = 5;
+    const Verdict d2 = decode(digest, em);
+    g_fail_malloc = 0;
+    EXPECT_EQ(d1, Verdict(-3, 0, "Error: fail to allocate memory for pkcs_1_pss_decode_sha256 operation\n"));
+    EXPECT_EQ(d2, Verdict(-2, 0, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_decode_sha256 operation\n"));
+}
+
+// The salt: srand(time), then rand() % 255 per byte; none drawn for an empty salt.
+TEST(Pss, SaltComesFromTheClockSeededGenerator)
+{
+    const Bytes digest(32, 0x5A);
+    Bytes em, again, want(222);
+    time_t t;
+    do {
+        t = time(nullptr);
+        em = std::get<2>(encode(digest, 222, 2048));
+        again = std::get<2>(encode(digest, 222, 2048));
+    } while (time(nullptr) != t);
+    srand(unsigned(t));
+    for (auto &b : want) b = uint8_t(rand() % 255);
+    EXPECT_EQ(std::tuple(salt_of(em, 222), again), std::tuple(want, em));
+    srand(777);
+    const int first = rand();
+    srand(777);
+    encode(digest, 0, 2048);
+    EXPECT_EQ(rand(), first);
+}
+
+TEST(Pss, DecoderChecksInTheirOrder)
+{
+    std::mt19937_64 rng(7);
+    const Bytes digest = zt::random_bytes(rng, 32), salt = zt::random_bytes(rng, 222), salt32 = zt::slice(salt, 0, 32);
+    const Bytes h = pss_hash(digest, salt32), h222 = pss_hash(digest, salt);
+    const auto db = [&](size_t sep, size_t at = 999, uint8_t value = 0) {  // PS || 0x01 || salt, one byte edited
+        Bytes d(223, 0);
+        d[sep] = 0x01;
+        std::copy(salt.begin(), salt.begin() + long(222 - sep), d.begin() + long(sep) + 1);
+        if (at < d.size()) d[at] = value;
+        return d;
+    };
+    const auto edit = [](Bytes em, size_t at, uint8_t x) { return em[at] ^= x, em; };
+    const auto lens = [](const char *m_s_sig) {
+        return "Error: wrong input parameter length (" + std::string(m_s_sig) + ") for pkcs_1_pss_decode_sha256 operation\n";
+    };
+    const Bytes good = build_em(db(190), h), ps_bad = build_em(db(190, 100, 1), h);
+    const std::string bc = "Error: fail to check 0xBC for pkcs_1_pss_decode_sha256 operation\n",
+                      msb = "Error: fail to check MSB for pkcs_1_pss_decode_sha256 operation\n",
+                      ps = "Error: fail to 0x00 and 0x01 in BD for pkcs_1_pss_encode_sha256 operation\n",
+                      sep = "Error: fail to 0x01 in BD for pkcs_1_pss_encode_sha256 operation\n";
+    const std::tuple<Bytes, uint32_t, uint32_t, const Bytes *, Verdict> cases[] = {
+        {good, 32, 2048, &digest, {0, 1, ""}},
+        {build_em(db(190, 0, 0x80), h), 32, 2048, &digest, {0, 1, ""}},  // the top bit of DB is masked off
+        {good, 32, 2048, &salt32, {0, 0, ""}},                            // another message hash
+        {edit(good, 200, 0x10), 32, 2048, &digest, {0, 0, ""}},           // a salt bit
+        {edit(good, 255, 0x01), 32, 2048, &digest, {-4, 0, bc}},
+        {edit(edit(good, 255, 0xBC), 0, 0x80), 32, 2048, &digest, {-4, 0, bc}},
+        {edit(good, 0, 0x80), 32, 2048, &digest, {-5, 0, msb}},
+        {edit(ps_bad, 0, 0x80), 32, 2048, &digest, {-5, 0, msb}},
+        {ps_bad, 32, 2048, &digest, {-6, 0, ps}},
+        {build_em(db(190, 190, 0), h), 32, 2048, &digest, {-7, 0, sep}},
+        {build_em(db(190, 190, 2), h), 32, 2048, &digest, {-7, 0, sep}},
+        {build_em(db(0), h222), 222, 2048, &digest, {0, 1, ""}},  // no PS at all
+        {build_em(db(0, 0, 0), h222), 222, 2048, &digest, {-7, 0, sep}},
+        {build_em(db(190), h, 0x3F), 32, 2047, &digest, {0, 1, ""}},
+        {edit(build_em(db(190), h, 0x3F), 0, 0x40), 32, 2047, &digest, {-5, 0, msb}},
+        {zt::slice(good, 0, 255), 32, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 32, sig = 255")}},
+        {good, 32, 2056, &digest, {-2, 0, lens("m = 257, h = 32, s = 32, sig = 256")}},
+        {good, 223, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 223, sig = 256")}},
+        {good, 300, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 300, sig = 256")}},
+    };
+    for (const auto &[em, salt_len, bits, mhash, want] : cases) EXPECT_EQ(decode(*mhash, em, salt_len, bits), want) << zt::to_hex(em);
+    EXPECT_NE(std::get<1>(decode(digest, edit(good, 230, 1))), 1);  // a flipped bit of H changes the whole mask
+    const std::string wrong = "Error: wrong input parameter for pkcs_1_pss_decode_sha256 operation\n";
+    int32_t verdict = 7;
+    EXPECT_EQ(zt::printed([&] { return pkcs_1_pss_decode_sha256(nullptr, 32, good.data(), 256, 32, 2048, &verdict); }), std::pair(-1, wrong));
+    EXPECT_EQ(zt::printed([&] { return pkcs_1_pss_decode_sha256(digest.data(), 32, good.data(), 256, 32, 2048, nullptr); }), std::pair(-1, wrong));
+    EXPECT_EQ(verdict, 7);
+}
+
+TEST(Pss, HexDump)
+{
+    const uint8_t b[] = {0x01, 0xAB, 0x00, 0xFF};
+    EXPECT_EQ(zt::capture_stdout([&] { vHexDumpBuf(b, 4), vHexDumpBuf(b, 0), vHexDumpBuf(nullptr, -1); }), "0x01ab00ff\n0x\n0x\n");
+}
+
+TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
+{
+    const zt::RsaKey &key = zt::test_key(0);
+    std::mt19937_64 rng(0x45a0001);
+    Bytes n_minus_1 = key.n, n_plus_1 = key.n;
+    n_minus_1.back()--, n_plus_1.back()++;  // n is odd
+    for (const Bytes &in : {Bytes(256, 0), {0x01}, n_minus_1, key.n, zt::random_bytes(rng, 255), zt::random_bytes(rng, 200)})
+        EXPECT_EQ(exptmod(in, key.d, key.n), std::tuple(0, 256u, zt::modexp(in, key.d, key.n), ""s)) << zt::to_hex(in);  // n itself gives 0
+    // As long as the modulus as a number, not as given; the checks and their messages, nothing written.
+    EXPECT_EQ(exptmod({0x02}, key.e, padded(key.n, 257), 258), std::tuple(0, 256u, padded(zt::modexp({2}, key.e, key.n), 256) + 0xEE + 0xEE, ""s));
+    EXPECT_EQ(exptmod({0x05}, {0x03}, {0, 0, 1, 0, 1}, 4), std::tuple(0, 3u, Bytes{0x00, 0x00, 0x7D, 0xEE}, ""s));  // 125
+    EXPECT_EQ(exptmod(n_plus_1, key.d, key.n), std::tuple(-5, 256u, Bytes(256, 0xEE), "Error: rsa n is smaller than input data\nRSA N =>\n" +
+                                                                                      dump(key.n) + "Input Data =>\n" + dump(n_plus_1)));
+    EXPECT_EQ(exptmod({0x07}, key.e, key.n, 255), std::tuple(-6, 256u, Bytes(255, 0xEE), "Error: incorrect output size (256, 255)\n"s));
+    uint8_t out[256];
+    uint32_t outlen = 256;
+    const uint8_t *in = key.n.data(), *d = key.d.data(), *n = key.n.data();
+    for (auto [i, o, l, k, kl, m, ml] : {std::tuple{(const uint8_t *)nullptr, out, &outlen, d, 256, n, 256}, {in, nullptr, &outlen, d, 256, n, 256},
+                                         {in, out, nullptr, d, 256, n, 256}, {in, out, &outlen, nullptr, 256, n, 256},
+                                         {in, out, &outlen, d, 256, nullptr, 256}, {in, out, &outlen, d, 0, n, 256}, {in, out, &outlen, d, 256, n, 0}})
+        EXPECT_EQ(zt::printed([&, i = i, o = o, l = l, k = k, kl = kl, m = m, ml = ml] { return rsa_exptmod(i, 256, o, l, k, kl, m, ml); }), std::pair(-1, "Error: wrong input parameter for rsa operation\n"s));
+}
+
+TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
+{
+    const zt::RsaKey &key = zt::test_key(0);
+    std::mt19937_64 rng(0x45a0003);
+    Bytes in = zt::random_bytes(rng, 256);
+    in[0] = 0x01;  // a full-length value below n
+    const std::string init_key = "Error: init tmp_key parameter for rsa operation\n";
+    for (const Bytes *exp : {&key.e, &key.d}) {
+        // Allocations 1-3 set up the three integers; each read of more than 128 bytes then grows its
+        // integer once; the rest belong to the exponentiation.
+        std::vector<std::pair<int32_t, std::string>> steps = {
+            {-2, "Error: init tmp parameter for rsa operation\n"}, {-3, init_key}, {-4, init_key}, {MP_NOMEM, "Error: fail to read input data =>\n" + dump(in)}};
+        if (exp->size() > 128) steps.push_back({MP_NOMEM, "Error: fail to read rsa e/d exponent data =>\n" + dump(*exp)});
+        steps.push_back({MP_NOMEM, "Error: fail to read rsa n data =>\n" + dump(key.n)});
+        const uint64_t before = s_mp_alloc_calls();
+        ASSERT_EQ(std::get<0>(exptmod(in, *exp, key.n)), 0);
+        const uint64_t count = s_mp_alloc_calls() - before;
+        for (uint64_t n = 1; n <= count; n += n < 12 || exp == &key.e ? 1 : count / 8) {
+            const int64_t live = s_mp_live_arrays();
+            s_mp_alloc_fail_nth(n);
+            const auto [rc, len, out, printed] = exptmod(in, *exp, key.n);
+            s_mp_alloc_fail_nth(0);
+            const auto want = n <= steps.size() ? steps[n - 1] : std::pair(MP_NOMEM, "Error: fail to calculate exponent mod\n"s);
+            ASSERT_EQ(std::tuple(rc, printed, out, s_mp_live_arrays()), std::tuple(want.first, want.second, Bytes(256, 0xEE), live)) << n;
+        }
+    }
+}
+
+// The single-word steps against 64-bit arithmetic, on divisors whose halves make the half-digit
+// estimates overshoot and high words below, at and above the divisor (bit 32 of the quotient).
+TEST(WordRoute, SingleWordMultiplyAndDivide)
+{
+    std::mt19937_64 rng(20261122);
+    std::vector<uint32_t> words = {0, 1, 0xFFFF, 0x7FFFFFFF, 0x80000000u, 0x8000FFFFu, 0x80010000u, 0xFFFF0000u, 0xFFFFFFFFu};
+    for (int i = 0; i < 150; i++) words.push_back(uint32_t(rng()) | (i % 2 ? 0x80000000u : 0));
+    for (uint32_t d : words) {
+        for (uint32_t hi : {0u, 1u, d - 1, d, d + 1, d & 0xFFFF0000u, d | 0xFFFF, uint32_t(rng()), uint32_t(rng())}) {
+            const uint32_t lo = uint32_t(rng() >> (hi % 3 * 16)), u[2] = {lo, hi};
+            uint32_t q = 7, r = 7, p[2];
+            const unsigned __int128 num = (unsigned __int128)hi << 32 | lo;
+            const auto want = d >> 31 ? std::tuple(uint32_t(num / d >> 32), uint32_t(num / d), uint32_t(num % d)) : std::tuple(~0u, 0u, 0u);
+            const uint32_t bit32 = spDivide(&q, &r, u, d), mul = spMultiply(p, hi, d);
+            ASSERT_EQ(std::tuple(bit32, q, r), want) << hi << ":" << lo << " / " << d;  // not normalised: rejected
+            ASSERT_EQ(std::tuple(mul, uint64_t(p[1]) << 32 | p[0]), std::tuple(0u, uint64_t(hi) * d));
+        }
+    }
+}
+
+// Every modulus length; modulus shapes (random, small top word, normalised, top 0x80000000 over
+// 0xFFFFFFFF, where the two-word estimate overshoots); products below, on and just above the
+// modulus, one word longer, with an estimate one too large (add back) or a top word equal to the
+// divisor's; results in place too; the modulus restored.
+TEST(WordRoute, MultiplyModAndExponent65537MatchBignum)
+{
+    std::mt19937_64 rng(20261123);
+    const zt::Bn e = zt::bn({0x01, 0x00, 0x01});
+    uint32_t prod[128], quo[128], rem[128];
+    for (uint32_t n = 1; n <= 64; n++) {
+        for (int shape = 0; shape < 4; shape++) {
+            Op m = random_op(rng, n), one{}, below, above, shifted{}, top2{}, big{};
+            if (shape == 1) m[n - 1] = uint32_t(rng() & 0xFF) | 1;
+            if (shape >= 2) m[n - 1] = shape == 2 ? m[n - 1] | 0x80000000u : 0x80000000u;
+            if (shape == 3 && n >= 2) m[n - 2] = 0xFFFFFFFFu;
+            below = above = m;
+            for (uint32_t i = 0; below[i]-- == 0; i++) {
+            }
+            for (uint32_t i = 0; ++above[i] == 0 && i < 63; i++) {
+            }
+            one[0] = 1, shifted[1 + rng() % 63] = 1, big[0] = uint32_t(rng()) | 0x80000000u;
+            if (n >= 2) top2[n - 2] = m[n - 2], top2[n - 1] = m[n - 1];  // big * (m's top two words): add back
+            const std::pair<Op, Op> pairs[] = {{random_op(rng, 64), random_op(rng, 64)}, {random_op(rng, n), random_op(rng, n)}, {m, one},
+                                               {below, one}, {above, one}, {m, shifted}, {below, shifted}, {big, top2}, {Op{}, m},
+                                               {random_op(rng, n / 2 + 1), random_op(rng, (n + 1) / 2)}};
+            for (const auto &[a, b] : pairs) {
+                zt::Bn r(BN_new()), sq(BN_new());
+                BN_mod_mul(r.get(), bn(a).get(), bn(b).get(), bn(m).get(), zt::bn_ctx());
+                BN_mod_sqr(sq.get(), bn(a).get(), bn(m).get(), zt::bn_ctx());
+                Op mod = m, res, res_a = a, res_sq = a;
+                ASSERT_EQ(mpMultiplyMod(res.data(), a.data(), b.data(), mod.data(), prod, quo, rem), 0u);
+                mpMultiplyMod(res_a.data(), res_a.data(), b.data(), mod.data(), prod, quo, rem);
+                mpMultiplyMod(res_sq.data(), res_sq.data(), res_sq.data(), mod.data(), prod, quo, rem);
+                ASSERT_EQ(std::tuple(res, res_a, res_sq, mod), std::tuple(words(r.get()), words(r.get()), words(sq.get()), m)) << n << "/" << shape;
+            }
+            for (const Op &base : {random_op(rng, n), random_op(rng, 64), Op{}, one, below, m}) {
+                zt::Bn r(BN_new());
+                BN_mod_exp(r.get(), bn(base).get(), e.get(), bn(m).get(), zt::bn_ctx());
+                Op mod = m, out;
+                ASSERT_EQ(RSADecryption65537(base.data(), mod.data(), out.data()), 0u);
+                ASSERT_EQ(std::pair(out, mod), std::pair(words(r.get()), m)) << n << "/" << shape;
+            }
+        }
+    }
+    Op zero{}, res;
+    res.fill(0xA5A5A5A5u);
+    RSADecryption65537(random_op(rng, 64).data(), zero.data(), res.data());
+    EXPECT_EQ(res, Op{});  // a zero modulus gives 0
+}
