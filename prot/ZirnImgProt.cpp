@@ -40,25 +40,26 @@ void vWordsToBigEndian(const uint32_t words[RSA_WORDS], uint8_t be[RSA_BYTES])
     }
 }
 
-// The CBC routine counts its length in a signed 32-bit int; images of 2 GiB
-// and more are encrypted in pieces, each chained to the last ciphertext
-// block of the one before, which gives exactly the bytes of a single call.
-void vEncryptImage(const ImgProtParam *param, uint8_t *img, uint32_t len)
-{
-    constexpr uint32_t MAX_PIECE = 0x7FFFFFF0;
-    const uint8_t *iv = param->enc_iv;
-    while (len > 0) {
-        uint32_t piece = len < MAX_PIECE ? len : MAX_PIECE;
-        vAES128CBCEnc(param->enc_key, iv, img, img, int32_t(piece));
-        iv = img + piece - 16;
-        img += piece;
-        len -= piece;
-    }
-}
+// Encrypted and hashed in pieces small enough to stay in the cache between the two passes over
+// them; each piece is chained to the last ciphertext block of the one before, which gives the
+// bytes of a single CBC call (whose length is a signed 32-bit count, too short for 2 GiB and more).
+constexpr uint32_t PIECE = 256 * 1024;
 
-int32_t iHashHdrAndImage(const ImgProtParam *param, const uint8_t *img, uint32_t enc_size,
-                         uint8_t hash[HASH_BYTES])
+}  // namespace
+
+int32_t iSealZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size, uint8_t hash[HASH_BYTES])
 {
+    ImgProtHdr *hdr = &param->hdr;
+    hdr->prot_mark0 = 1;
+    const uint32_t enc_size = ui4PaddedSz(plain_size);
+    memset(img + plain_size, 0, enc_size - plain_size);
+    // Every hashed header field is known before encryption (the signature field stays zero), so
+    // the header is hashed first and the image in the same pass that encrypts it.
+    vPutLE32(hdr->enc_size, enc_size);
+    hdr->prot_mark1 = 1;
+    hdr->prot_mark2 = 1;
+    vPutLE32(hdr->plain_size, plain_size);
+
     sha256_ctx ctx;
     memset(hash, 0, HASH_BYTES);
     memset(&ctx, 0, sizeof ctx);
@@ -67,14 +68,19 @@ int32_t iHashHdrAndImage(const ImgProtParam *param, const uint8_t *img, uint32_t
         return -5;
     }
     // The header's own size field says how much of it is covered.
-    if (sha256_process(&ctx, reinterpret_cast<const uint8_t *>(param),
-                       ui4GetLE32(param->hdr.hdr_size)) != 0) {
+    if (sha256_process(&ctx, reinterpret_cast<const uint8_t *>(param), ui4GetLE32(hdr->hdr_size)) != 0) {
         printf("Error: fail to process SHA256 for the zirn header\n");
         return -5;
     }
-    if (sha256_process(&ctx, img, enc_size) != 0) {
-        printf("Error: fail to process SHA256 for the encrypted zirn image\n");
-        return -5;
+    const uint8_t *iv = param->enc_iv;
+    for (uint32_t off = 0; off < enc_size; off += PIECE) {
+        const uint32_t len = enc_size - off < PIECE ? enc_size - off : PIECE;
+        vAES128CBCEnc(param->enc_key, iv, img + off, img + off, int32_t(len));
+        iv = img + off + len - 16;
+        if (sha256_process(&ctx, img + off, len) != 0) {
+            printf("Error: fail to process SHA256 for the encrypted zirn image\n");
+            return -5;
+        }
     }
     if (sha256_done(&ctx, hash) != 0) {
         printf("Error: fail to finish SHA256 for the zirn header + encrypted zirn image\n");
@@ -83,31 +89,29 @@ int32_t iHashHdrAndImage(const ImgProtParam *param, const uint8_t *img, uint32_t
     return 0;
 }
 
-// Checks the fresh signature through the word-array route (public exponent
-// 65537) and PSS decoding, sharing no arithmetic with the signing side.
-int32_t iVerifyByPlatformFlow(const ImgProtParam *param, const uint8_t hash[HASH_BYTES])
+int32_t iVerifyZIRNImgSigV10(const ImgProtHdr *hdr, const uint8_t hash[HASH_BYTES])
 {
     uint32_t s_le[RSA_WORDS], n_le[RSA_WORDS], r_le[RSA_WORDS];
     uint8_t em2[RSA_BYTES];
-    vBigEndianToWords(param->hdr.auth_sig, s_le);
-    vBigEndianToWords(param->hdr.auth_n, n_le);
+    vBigEndianToWords(hdr->auth_sig, s_le);
+    vBigEndianToWords(hdr->auth_n, n_le);
     RSADecryption65537(s_le, n_le, r_le);
     vWordsToBigEndian(r_le, em2);
 
     int32_t verdict = VERIFY_UNSET;
-    if (pkcs_1_pss_decode_sha256(hash, HASH_BYTES, em2, RSA_BYTES, SALT_BYTES, RSA_BITS,
-                                 &verdict) != 0) {
-        printf("Error: fail to use platform flow to verify signature for the encrypted zirn "
-               "image\n");
+    if (pkcs_1_pss_decode_sha256(hash, HASH_BYTES, em2, RSA_BYTES, SALT_BYTES, RSA_BITS, &verdict) != 0) {
+        printf("Error: fail to use platform flow to verify signature for the encrypted zirn image\n");
         return -8;
     }
     if (verdict != 1) {
-        printf("Error: the verification result (by using platform flow) is incorrect se platform "
-               "flow to verify signature for the encrypted zirn image\n");
+        printf("Error: the verification result (by using platform flow) is incorrect se platform flow to verify "
+               "signature for the encrypted zirn image\n");
         return -9;
     }
     return 0;
 }
+
+namespace {
 
 int32_t iWriteProtectedImage(const ImgProtParam *param, const uint8_t *img, uint32_t plain_size,
                              uint32_t enc_size, const char *out_path)
@@ -154,18 +158,9 @@ int32_t iProtZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size,
     }
     ImgProtHdr *hdr = &param->hdr;
 
-    hdr->prot_mark0 = 1;
     const uint32_t enc_size = ui4PaddedSz(plain_size);
-    memset(img + plain_size, 0, enc_size - plain_size);
-    vEncryptImage(param, img, enc_size);
-
-    vPutLE32(hdr->enc_size, enc_size);
-    hdr->prot_mark1 = 1;
-    hdr->prot_mark2 = 1;
-    vPutLE32(hdr->plain_size, plain_size);
-
     uint8_t hash[HASH_BYTES];
-    int32_t ret = iHashHdrAndImage(param, img, enc_size, hash);
+    int32_t ret = iSealZIRNImgV10(param, img, plain_size, hash);
     if (ret != 0) return ret;
     printf("Hash for zirn header + image:\n");
     vHexDumpBuf(hash, HASH_BYTES);
@@ -187,7 +182,7 @@ int32_t iProtZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size,
         return -7;
     }
 
-    ret = iVerifyByPlatformFlow(param, hash);
+    ret = iVerifyZIRNImgSigV10(hdr, hash);
     if (ret != 0) return ret;
     printf("Succeed to verify the signature of zirn image\n");
 

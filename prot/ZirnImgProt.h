@@ -80,6 +80,19 @@ constexpr void vPutLE32(uint8_t p[4], uint32_t v)
 // Padded image size: plain size rounded up to a multiple of 16.
 constexpr uint32_t ui4PaddedSz(uint32_t plain_size) { return (plain_size + 15) & ~uint32_t(15); }
 
+// Seals the image for signing: sets the three marks and both sizes in param->hdr, zero-pads img
+// (which must hold ui4PaddedSz(plain_size) bytes) and encrypts it in place with AES-128-CBC under
+// param->enc_key and enc_iv, and writes to hash the SHA-256 of the header's first hdr_size bytes
+// (signature field as it stands, zero until signed) followed by the ciphertext.  param and img
+// stay owned by the caller.  Returns 0, or -5 when a SHA-256 step fails (its message printed).
+int32_t iSealZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size, uint8_t hash[32]);
+
+// Checks hdr->auth_sig against hash (the SHA-256 that iSealZIRNImgV10 gives) through the
+// independent route: the public exponent 65537 on 32-bit word arrays with the modulus
+// hdr->auth_n, then PSS decoding (SHA-256, salt 32, 2048 bits).  Returns 0 when the signature
+// matches; -8 the decoding failed, -9 no match (the message of each printed).
+int32_t iVerifyZIRNImgSigV10(const ImgProtHdr *hdr, const uint8_t hash[32]);
+
 // Pads (img must hold ui4PaddedSz(plain_size) bytes), encrypts in place,
 // completes param->hdr, signs it, re-verifies the signature through the
 // independent 65537 route and only then writes header + ciphertext to

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/mman.h>
+
 #include "ZirnImgProt.h"
 #include "ZirnImgProtCfgFileProc.h"
 
@@ -56,6 +58,21 @@ int32_t iSetExtMemSize(ImgProtParam *param, const char *arg)
     return 0;
 }
 
+// A buffer of p bytes for the image.  A large one is 2 MiB-aligned and the kernel is asked to back
+// it with huge pages: a fresh 64 MiB buffer otherwise costs some 16,000 page faults, as much time
+// as its encryption.  Where huge pages are not available it is simply normal memory.
+uint8_t *pucAllocImage(uint32_t p)
+{
+    constexpr size_t HUGE_PAGE = size_t(2) << 20;
+    if (p < HUGE_PAGE) return static_cast<uint8_t *>(malloc(p));
+    const size_t size = (size_t(p) + HUGE_PAGE - 1) & ~(HUGE_PAGE - 1);
+    void *buf = aligned_alloc(HUGE_PAGE, size);
+#ifdef MADV_HUGEPAGE
+    if (buf != nullptr) madvise(buf, size, MADV_HUGEPAGE);
+#endif
+    return static_cast<uint8_t *>(buf);
+}
+
 // Reads the n-byte image into a fresh buffer of the padded size p (the tail
 // is left for the pipeline to zero).  Returns the buffer, or null after
 // printing the failure.
@@ -66,7 +83,7 @@ uint8_t *pucReadImage(const char *in_path, uint32_t n, uint32_t p)
         printf("Error: fail to open zirn image binary file (%s)\n", in_path);
         return nullptr;
     }
-    uint8_t *img = static_cast<uint8_t *>(malloc(p));
+    uint8_t *img = pucAllocImage(p);
     if (img == nullptr) {
         printf("Error: fail to allocate memory for zirn image binary file\n");
         if (fclose(fp) != 0) printf("Error: fail to close zirn image binary file (%s)\n", in_path);
