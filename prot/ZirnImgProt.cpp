@@ -2,12 +2,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "hexdump.h"
 #include "rijndael-alg-fst.h"
 #include "rsa.h"
 #include "rsa2048.h"
 #include "sha256.h"
+#include "workbuf.h"
 
 namespace {
 
@@ -46,6 +48,15 @@ void vWordsToBigEndian(const uint32_t words[RSA_WORDS], uint8_t be[RSA_BYTES])
 constexpr uint32_t PIECE = 256 * 1024;
 
 }  // namespace
+
+void vInitImgProtParamV10(ImgProtParam *param)
+{
+    memset(param, 0, sizeof *param);
+    memcpy(param->hdr.magic, ZIRN_IMG_MAGIC, sizeof param->hdr.magic);
+    vPutLE32(param->hdr.hdr_size, ZIRN_HDR_SIZE);
+}
+
+void vWipeImgProtParamV10(ImgProtParam *param) { vWipeBuf(param, sizeof *param); }
 
 int32_t iSealZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size, uint8_t hash[HASH_BYTES])
 {
@@ -140,6 +151,67 @@ int32_t iWriteProtectedImage(const ImgProtParam *param, const uint8_t *img, uint
 }
 
 }  // namespace
+
+uint32_t uiCheckZIRNImgHdrV10(const ImgProtHdr *hdr, uint64_t file_size)
+{
+    const uint32_t plain_size = ui4GetLE32(hdr->plain_size), enc_size = ui4GetLE32(hdr->enc_size);
+    uint32_t problems = 0;
+    if (memcmp(hdr->magic, ZIRN_IMG_MAGIC, sizeof hdr->magic) != 0) problems |= ZIRN_HDR_BAD_MAGIC;
+    if (ui4GetLE32(hdr->hdr_size) != ZIRN_HDR_SIZE) problems |= ZIRN_HDR_BAD_HDR_SIZE;
+    if (enc_size % 16 != 0 || enc_size < plain_size) problems |= ZIRN_HDR_BAD_ENC_SIZE;
+    if (file_size != uint64_t(ZIRN_HDR_SIZE) + enc_size) problems |= ZIRN_HDR_BAD_FILE_SIZE;
+    return problems;
+}
+
+void vZIRNKeyHashV10(const uint8_t n[RSA_BYTES], uint8_t hash[HASH_BYTES]) { sha256(n, RSA_BYTES, hash); }
+
+namespace {
+
+// Ciphertext read from a file travels through a buffer of this size.
+constexpr uint32_t FILE_PIECE = 1024 * 1024;
+
+}  // namespace
+
+int32_t iHashZIRNImgFileV10(FILE *fp, const ImgProtHdr *hdr, uint8_t hash[HASH_BYTES], FILE *copy)
+{
+    ImgProtHdr unsigned_hdr = *hdr;
+    memset(unsigned_hdr.auth_sig, 0, sizeof unsigned_hdr.auth_sig);
+    sha256_ctx ctx;
+    sha256_init(&ctx);
+    sha256_process(&ctx, reinterpret_cast<const uint8_t *>(&unsigned_hdr), ZIRN_HDR_SIZE);
+    std::vector<uint8_t> piece(FILE_PIECE);
+    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0;) {
+        const uint32_t len = left < FILE_PIECE ? left : FILE_PIECE;
+        if (fread(piece.data(), 1, len, fp) != len) return -1;
+        if (copy != nullptr && fwrite(piece.data(), 1, len, copy) != len) return -2;
+        sha256_process(&ctx, piece.data(), len);
+        left -= len;
+    }
+    sha256_done(&ctx, hash);
+    return 0;
+}
+
+int32_t iDecryptZIRNImgFileV10(FILE *in, FILE *out, const ImgProtHdr *hdr, const uint8_t key[16], const uint8_t iv[16])
+{
+    // Each piece is decrypted with the last ciphertext block of the one before as its IV.
+    std::vector<uint8_t> piece(FILE_PIECE);
+    uint8_t chain[16];
+    memcpy(chain, iv, sizeof chain);
+    uint32_t plain_left = ui4GetLE32(hdr->plain_size);
+    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0;) {
+        const uint32_t len = left < FILE_PIECE ? left : FILE_PIECE, keep = plain_left < len ? plain_left : len;
+        if (fread(piece.data(), 1, len, in) != len) return -1;
+        uint8_t next[16];
+        memcpy(next, piece.data() + len - 16, sizeof next);
+        vAES128CBCDec(key, chain, piece.data(), piece.data(), int32_t(len));
+        memcpy(chain, next, sizeof chain);
+        if (fwrite(piece.data(), 1, keep, out) != keep) return -2;
+        left -= len;
+        plain_left -= keep;
+    }
+    vWipeBuf(piece.data(), piece.size());
+    return 0;
+}
 
 int32_t iProtZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size,
                         const char *out_path)

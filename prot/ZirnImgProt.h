@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // Header written verbatim at offset 0 of the protected image (576 bytes).
 // Every member is a byte array, so the record has no padding and the 32-bit
@@ -77,6 +78,13 @@ constexpr void vPutLE32(uint8_t p[4], uint32_t v)
     p[3] = uint8_t(v >> 24);
 }
 
+// A fresh record: all 868 bytes zero, then the magic and the header size.
+void vInitImgProtParamV10(ImgProtParam *param);
+
+// Overwrites the whole record with zeros (the AES key and the private exponent among them) in a
+// way the compiler may not drop although the record is not read again.
+void vWipeImgProtParamV10(ImgProtParam *param);
+
 // Padded image size: plain size rounded up to a multiple of 16.
 constexpr uint32_t ui4PaddedSz(uint32_t plain_size) { return (plain_size + 15) & ~uint32_t(15); }
 
@@ -92,6 +100,30 @@ int32_t iSealZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size, 
 // hdr->auth_n, then PSS decoding (SHA-256, salt 32, 2048 bits).  Returns 0 when the signature
 // matches; -8 the decoding failed, -9 no match (the message of each printed).
 int32_t iVerifyZIRNImgSigV10(const ImgProtHdr *hdr, const uint8_t hash[32]);
+
+// Reading protected image files (the companion tool).  None of these prints anything.
+
+// Problems of a header read from a file of file_size bytes, as bits of uiCheckZIRNImgHdrV10's
+// result (0: consistent).
+constexpr uint32_t ZIRN_HDR_BAD_MAGIC = 0x01;      // not "EET XOQ "
+constexpr uint32_t ZIRN_HDR_BAD_HDR_SIZE = 0x02;   // hdr_size is not 576
+constexpr uint32_t ZIRN_HDR_BAD_ENC_SIZE = 0x04;   // enc_size not a multiple of 16, or below plain_size
+constexpr uint32_t ZIRN_HDR_BAD_FILE_SIZE = 0x08;  // the file is not 576 + enc_size bytes long
+uint32_t uiCheckZIRNImgHdrV10(const ImgProtHdr *hdr, uint64_t file_size);
+
+// The key fingerprint: SHA-256 of the 256-byte modulus as the header carries it.
+void vZIRNKeyHashV10(const uint8_t n[256], uint8_t hash[32]);
+
+// The hash a signature covers, of an image read from fp: SHA-256 of hdr with its signature field
+// zeroed, then hdr's enc_size bytes read from fp (positioned at the first ciphertext byte) in
+// pieces; each piece is also written to copy when it is not null.  Returns 0; -1 fp failed or
+// ended early; -2 writing to copy failed.
+int32_t iHashZIRNImgFileV10(FILE *fp, const ImgProtHdr *hdr, uint8_t hash[32], FILE *copy);
+
+// Decrypts hdr's enc_size bytes read from in (positioned at the first ciphertext byte) with
+// AES-128-CBC under key and iv, in pieces, and writes exactly hdr's plain_size bytes to out.
+// Returns 0; -1 in failed or ended early; -2 writing failed.
+int32_t iDecryptZIRNImgFileV10(FILE *in, FILE *out, const ImgProtHdr *hdr, const uint8_t key[16], const uint8_t iv[16]);
 
 // Pads (img must hold ui4PaddedSz(plain_size) bytes), encrypts in place,
 // completes param->hdr, signs it, re-verifies the signature through the

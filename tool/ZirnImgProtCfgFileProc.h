@@ -1,5 +1,6 @@
 // Configuration unit: the protection configuration file parser, its hex
-// conversion, and the file size query.  All messages go to standard output.
+// conversion, the file size query and the other inputs of a protection run
+// that the signer and its companion share.  All messages go to standard output.
 #pragma once
 
 #include <cstdint>
@@ -21,3 +22,13 @@ int32_t iConvHexStrToValBuf(const char *str, uint8_t *buf, int32_t len);
 
 // Size of the file at path, or 0 for an empty file and for every failure.
 uint32_t ui4GetFileSz(const char *path);
+
+// Validates the external memory size argument: "0x" or "0X" first, at most ten characters in
+// all, a non-zero value (what follows the hex digits is not checked).  Returns 0 with *size set;
+// -1 null argument; -2 wrong format; -3 value zero.  Prints nothing.
+int32_t iParseExtMemSzV10(const char *arg, uint32_t *size);
+
+// Reads the image of plain_size bytes at path into a fresh buffer of ui4PaddedSz(plain_size)
+// bytes (the padding is left to the sealing).  Returns the buffer, which the caller releases with
+// free(), or null after printing the failure.
+uint8_t *pucReadZIRNImgV10(const char *path, uint32_t plain_size);

@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <sys/mman.h>
-
 #include "ZirnImgProt.h"
 #include "ZirnImgProtCfgFileProc.h"
 
@@ -33,74 +31,23 @@ void vPrintInfo()
     printf("sizeof(int) = %d\n", int(sizeof(int)));
 }
 
-// Validates the [sz] argument and stores it in ext_mem_size.  At most ten
-// characters after the mandatory 0x keeps the value within 32 bits; what
-// follows the hex digits is not checked.
+// Validates the [sz] argument and stores it in ext_mem_size.
 int32_t iSetExtMemSize(ImgProtParam *param, const char *arg)
 {
     uint32_t ext_mem_size = 0;
-    if (arg == nullptr) {
-        printf("Error: NULL string for external memory size\n");
-    } else if (arg[0] != '0' || (arg[1] != 'x' && arg[1] != 'X') || strlen(arg) > 10) {
+    const int32_t rc = iParseExtMemSzV10(arg, &ext_mem_size);
+    if (rc == -1) printf("Error: NULL string for external memory size\n");
+    if (rc == -2) {
         printf("Error: wrong string format (%s) for external memory size\n", arg);
         printf("       string format should be 0x???????? (<= 0xffffffff)\n");
-    } else {
-        ext_mem_size = uint32_t(strtoul(arg, nullptr, 16));
     }
     vPutLE32(param->hdr.ext_mem_size, ext_mem_size);
-    if (ext_mem_size == 0) {
-        printf("Error: incorrect external memory requirement (hex: %s, %d, 0x%08x) !!!\n",
-               arg != nullptr ? arg : "(null)", 0, 0u);
+    if (rc != 0) {
+        printf("Error: incorrect external memory requirement (hex: %s, %d, 0x%08x) !!!\n", arg != nullptr ? arg : "(null)", 0, 0u);
         return -1;
     }
-    printf("The required external memory size by ZIRN image is hex: %s (%d, 0x%08x) !!!\n", arg,
-           int32_t(ext_mem_size), ext_mem_size);
+    printf("The required external memory size by ZIRN image is hex: %s (%d, 0x%08x) !!!\n", arg, int32_t(ext_mem_size), ext_mem_size);
     return 0;
-}
-
-// A buffer of p bytes for the image.  A large one is 2 MiB-aligned and the kernel is asked to back
-// it with huge pages: a fresh 64 MiB buffer otherwise costs some 16,000 page faults, as much time
-// as its encryption.  Where huge pages are not available it is simply normal memory.
-uint8_t *pucAllocImage(uint32_t p)
-{
-    constexpr size_t HUGE_PAGE = size_t(2) << 20;
-    if (p < HUGE_PAGE) return static_cast<uint8_t *>(malloc(p));
-    const size_t size = (size_t(p) + HUGE_PAGE - 1) & ~(HUGE_PAGE - 1);
-    void *buf = aligned_alloc(HUGE_PAGE, size);
-#ifdef MADV_HUGEPAGE
-    if (buf != nullptr) madvise(buf, size, MADV_HUGEPAGE);
-#endif
-    return static_cast<uint8_t *>(buf);
-}
-
-// Reads the n-byte image into a fresh buffer of the padded size p (the tail
-// is left for the pipeline to zero).  Returns the buffer, or null after
-// printing the failure.
-uint8_t *pucReadImage(const char *in_path, uint32_t n, uint32_t p)
-{
-    FILE *fp = fopen(in_path, "r");
-    if (fp == nullptr) {
-        printf("Error: fail to open zirn image binary file (%s)\n", in_path);
-        return nullptr;
-    }
-    uint8_t *img = pucAllocImage(p);
-    if (img == nullptr) {
-        printf("Error: fail to allocate memory for zirn image binary file\n");
-        if (fclose(fp) != 0) printf("Error: fail to close zirn image binary file (%s)\n", in_path);
-        return nullptr;
-    }
-    if (fread(img, 1, n, fp) != n) {
-        printf("Error: fail to read data (%d) from zirn image binary file (%s)\n", int(n), in_path);
-        free(img);
-        if (fclose(fp) != 0) printf("Error: fail to close zirn image binary file (%s)\n", in_path);
-        return nullptr;
-    }
-    if (fclose(fp) != 0) {
-        free(img);
-        printf("Error: fail to close zirn image binary file (%s)\n", in_path);
-        return nullptr;
-    }
-    return img;
 }
 
 // Kept reachable until exit: on success the image buffer is released by the
@@ -121,9 +68,7 @@ int iRun(int argc, char *argv[])
     vPrintInfo();
 
     ImgProtParam param;
-    memset(&param, 0, sizeof param);
-    memcpy(param.hdr.magic, ZIRN_IMG_MAGIC, sizeof param.hdr.magic);
-    vPutLE32(param.hdr.hdr_size, ZIRN_HDR_SIZE);
+    vInitImgProtParamV10(&param);
 
     if (iSetExtMemSize(&param, argv[4]) != 0) return -1;
     const uint32_t ext_mem_size = ui4GetLE32(param.hdr.ext_mem_size);
@@ -150,7 +95,7 @@ int iRun(int argc, char *argv[])
         return -1;
     }
 
-    uint8_t *img = pucReadImage(in_path, n, uint32_t(p));
+    uint8_t *img = pucReadZIRNImgV10(in_path, n);
     if (img == nullptr) return -1;
     if (iProtZIRNImgV10(&param, img, n, out_path) != 0) {
         free(img);
