@@ -2,6 +2,10 @@
 // random inputs, the buffer rules of the AES-128 operations and the result codes of SHA-256.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
+
+#include "cpu_features.h"
 #include "oracle.h"
 #include "rijndael-alg-fst.h"
 #include "sha256.h"
@@ -9,6 +13,10 @@
 using zt::Bytes;
 
 namespace {
+
+// CTest runs this program twice: on the instruction paths where the processor has them, and with
+// ZIRN_TEST_PORTABLE set, pinned to the portable code.
+const bool kPortable = (crypto_force_portable(getenv("ZIRN_TEST_PORTABLE") != nullptr), getenv("ZIRN_TEST_PORTABLE") != nullptr);
 
 const nlohmann::json &kat()
 {
@@ -59,6 +67,16 @@ Bytes in_pieces(const Bytes &msg, const std::vector<size_t> &pieces, sha256_ctx 
 
 TEST(Aes, Fips197ExamplesAndKeySchedules)
 {
+#if defined(__x86_64__)
+    std::ifstream cpuinfo("/proc/cpuinfo");  // the kernel's account of the processor's features
+    std::string flags;
+    while (std::getline(cpuinfo, flags) && flags.rfind("flags", 0) != 0) {
+    }
+    flags += ' ';
+    const auto has = [&](const std::string &f) { return flags.find(' ' + f + ' ') != std::string::npos; };
+    EXPECT_EQ(std::pair(crypto_aes_accelerated(), crypto_sha256_accelerated()),
+              std::pair(int(!kPortable && has("aes")), int(!kPortable && has("sha_ni") && has("sse4_1") && has("ssse3"))));
+#endif
     for (const auto &c : kat()["fips197_cipher"]) {
         const Bytes key = hexv(c["key"]), pt = hexv(c["plaintext"]), ct = hexv(c["ciphertext"]);
         const int bits = int(key.size() * 8), nr = bits / 32 + 6;
