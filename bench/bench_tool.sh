@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Times the whole tool against the same job done with the openssl command
 # (pad, AES-128-CBC encryption, header + ciphertext, SHA-256 + RSA-PSS signing
-# and verification) on 1, 16 and 64 MiB images, alternating the two, and
-# reports medians, the ratio and peak memory (max RSS of the tool).
+# and verification) and against bench/openssl_job.cpp, the same job in one
+# process on OpenSSL's fastest primitives, on 1, 16 and 64 MiB images,
+# alternating the three; reports medians, the tool's ratio to each, its peak
+# memory, minor page faults and system time.
 #
 #   bench/bench_tool.sh [rounds]        (default 7 rounds per size)
 set -euo pipefail
@@ -10,6 +12,7 @@ cd "$(dirname "$0")/.."
 rounds=${1:-7}
 
 tool=$(bench/build-tool.sh)
+job=$PWD/build-bench/bench/openssl_job
 cfg=$PWD/example/dev_zirn_img_prot.NOT_FOR_PRODUCTION.cfg
 key=$PWD/example/dev_key.NOT_FOR_PRODUCTION.pem
 enc=$(awk '$1 == "ENC_PARAM" {print substr($3, 3)}' "$cfg")
@@ -36,24 +39,28 @@ openssl_job() {  # in out
 export -f openssl_job
 export work aeskey iv key
 
-printf '%-7s %12s %12s %7s %14s %14s\n' size tool_s openssl_s ratio tool_peak_MiB padded_MiB
+printf '%-7s %9s %9s %9s %8s %8s %9s %8s %7s %7s\n' size tool_s cli_s job_s tool/cli tool/job peak_MiB pad_MiB faults sys_s
 for mib in 1 16 64; do
   in=$work/img_$mib
   head -c $((mib * 1024 * 1024 - 5)) /dev/urandom > "$in"
-  : > "$work/t_tool"; : > "$work/t_ossl"; : > "$work/rss"
+  : > "$work/t_tool"; : > "$work/t_ossl"; : > "$work/t_job"
   for ((r = 0; r < rounds; r++)); do
-    /usr/bin/time -f '%e %M' -o "$work/tt" "$tool" "$cfg" "$in" "$work/out_tool" 0x10000000 >/dev/null
-    read -r secs rss < "$work/tt"; echo "$secs" >> "$work/t_tool"; echo "$rss" >> "$work/rss"
+    /usr/bin/time -f '%e %M %R %S' -o "$work/tt" "$tool" "$cfg" "$in" "$work/out_tool" 0x10000000 >/dev/null
+    cat "$work/tt" >> "$work/t_tool"
     /usr/bin/time -f '%e' -o "$work/to" bash -c 'openssl_job "$0" "$1"' "$in" "$work/out_ossl"
     cat "$work/to" >> "$work/t_ossl"
+    /usr/bin/time -f '%e' -o "$work/tj" "$job" "$key" "$aeskey" "$iv" "$in" "$work/out_job" 0x10000000
+    cat "$work/tj" >> "$work/t_job"
   done
   python3 - "$mib" "$work" "$in" <<'PY'
 import os, statistics, sys
 mib, work, img = sys.argv[1], sys.argv[2], sys.argv[3]
-tool = statistics.median(float(x) for x in open(f"{work}/t_tool"))
-ossl = statistics.median(float(x) for x in open(f"{work}/t_ossl"))
-rss = max(int(x) for x in open(f"{work}/rss")) / 1024
+rows = [l.split() for l in open(f"{work}/t_tool")]
+med = lambda xs: statistics.median(float(x) for x in xs)
+tool, ossl, job = med(r[0] for r in rows), med(open(f"{work}/t_ossl")), med(open(f"{work}/t_job"))
+rss = max(int(r[1]) for r in rows) / 1024
 padded = ((os.path.getsize(img) + 15) // 16 * 16) / 2**20
-print(f"{mib + ' MiB':<7} {tool:12.3f} {ossl:12.3f} {tool / ossl:7.2f} {rss:14.1f} {padded:14.1f}")
+print(f"{mib + ' MiB':<7} {tool:9.3f} {ossl:9.3f} {job:9.3f} {tool / ossl:8.2f} {tool / job:8.2f} {rss:9.1f} {padded:8.1f}"
+      f" {med(r[2] for r in rows):7.0f} {med(r[3] for r in rows):7.2f}")
 PY
 done
