@@ -71,11 +71,6 @@ uint32_t s_mp_ct_used(const mp_digit *d, uint32_t n)
 
 namespace {
 
-uint64_t l_alloc_calls = 0;
-uint64_t l_alloc_fail_at = 0;  // absolute call number that fails; 0: none
-int64_t l_live_arrays = 0;
-void (*l_release_probe)(const mp_digit *, uint32_t) = nullptr;
-
 // Zero a digit array so that no key digit survives in freed memory; the
 // empty asm with a memory clobber keeps the compiler from treating the
 // stores as dead before free().
@@ -85,30 +80,16 @@ void s_mp_wipe(mp_digit *p, uint32_t count)
     __asm__ __volatile__("" : : "r"(p) : "memory");
 }
 
-mp_digit *s_mp_alloc(uint32_t count)
-{
-    ++l_alloc_calls;
-    if (l_alloc_calls == l_alloc_fail_at) return nullptr;
-    auto *p = static_cast<mp_digit *>(calloc(count, sizeof(mp_digit)));
-    if (p) ++l_live_arrays;
-    return p;
-}
+mp_digit *s_mp_alloc(uint32_t count) { return static_cast<mp_digit *>(calloc(count, sizeof(mp_digit))); }
 
 void s_mp_free(mp_digit *p, uint32_t count)
 {
     if (!p) return;
     s_mp_wipe(p, count);
-    if (l_release_probe) l_release_probe(p, count);
-    --l_live_arrays;
     free(p);
 }
 
 }  // namespace
-
-void s_mp_alloc_fail_nth(uint64_t n) { l_alloc_fail_at = n ? l_alloc_calls + n : 0; }
-uint64_t s_mp_alloc_calls(void) { return l_alloc_calls; }
-int64_t s_mp_live_arrays(void) { return l_live_arrays; }
-void s_mp_set_release_probe(void (*probe)(const mp_digit *, uint32_t)) { l_release_probe = probe; }
 
 // ---------------------------------------------------------------------------
 // Representation

@@ -1,5 +1,5 @@
 // Module-internal routines of the big-integer arithmetic, exposed for the
-// module's own tests, and the test hooks of the digit-array allocator.
+// module's own tests.
 #pragma once
 
 #include "mpi.h"
@@ -30,12 +30,3 @@ int s_mp_ispow2(const mp_int *v);              // k when v = 2^k, else -1
 int s_mp_norm(mp_int *a, mp_int *b);
 mp_err s_mp_div(mp_int *a, mp_int *b);         // a = |a| / |b|, b = |a| mod |b|
 mp_err s_mp_reduce(mp_int *x, const mp_int *m, const mp_int *mu);  // Barrett
-
-// Allocator test hooks.  Every digit array of the module is obtained and
-// released through one internal pair of functions; these let a test make an
-// allocation fail and watch what is released.
-void s_mp_alloc_fail_nth(uint64_t n);          // the n-th allocation from now fails; 0: none
-uint64_t s_mp_alloc_calls(void);               // allocation attempts so far
-int64_t s_mp_live_arrays(void);                // arrays allocated and not yet released
-// Called with every array just before it is freed (after it was wiped); null: none.
-void s_mp_set_release_probe(void (*probe)(const mp_digit *digits, uint32_t count));

@@ -193,24 +193,29 @@ int32_t iHashZIRNImgFileV10(FILE *fp, const ImgProtHdr *hdr, uint8_t hash[HASH_B
 
 int32_t iDecryptZIRNImgFileV10(FILE *in, FILE *out, const ImgProtHdr *hdr, const uint8_t key[16], const uint8_t iv[16])
 {
-    // Each piece is decrypted with the last ciphertext block of the one before as its IV.
+    // Each piece is decrypted with the last ciphertext block of the one before as its IV; the
+    // plain image passes through one buffer, wiped however the loop ends.
     std::vector<uint8_t> piece(FILE_PIECE);
     uint8_t chain[16];
     memcpy(chain, iv, sizeof chain);
     uint32_t plain_left = ui4GetLE32(hdr->plain_size);
-    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0;) {
+    int32_t rc = 0;
+    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0 && rc == 0;) {
         const uint32_t len = left < FILE_PIECE ? left : FILE_PIECE, keep = plain_left < len ? plain_left : len;
-        if (fread(piece.data(), 1, len, in) != len) return -1;
+        if (fread(piece.data(), 1, len, in) != len) {
+            rc = -1;
+            break;
+        }
         uint8_t next[16];
         memcpy(next, piece.data() + len - 16, sizeof next);
         vAES128CBCDec(key, chain, piece.data(), piece.data(), int32_t(len));
         memcpy(chain, next, sizeof chain);
-        if (fwrite(piece.data(), 1, keep, out) != keep) return -2;
+        if (fwrite(piece.data(), 1, keep, out) != keep) rc = -2;
         left -= len;
         plain_left -= keep;
     }
     vWipeBuf(piece.data(), piece.size());
-    return 0;
+    return rc;
 }
 
 int32_t iProtZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size,

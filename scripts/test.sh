@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite three times: an optimised build, then the
-# same suite under AddressSanitizer + UndefinedBehaviorSanitizer (any
+# Builds and runs the whole test suite three times: an optimised build (with the
+# executables' tests also run as older processors under qemu-x86_64 and under
+# valgrind's memcheck), then the same suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer (any
 # sanitizer report fails the run), then a third time built with clang++,
 # benchmarks and the constant-time check under memcheck included, so that the
 # code is warning-free with both compilers.
@@ -12,7 +14,8 @@ jobs=$(nproc)
 # dependencies would build no tests, and ctest must then fail.
 run_tests() { ctest --test-dir "$1" --output-on-failure --no-tests=error -j "$jobs"; }
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DZIRN_WERROR=ON -DCMAKE_CXX_COMPILER=g++
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DZIRN_WERROR=ON -DZIRN_EXECUTABLE_CHECKS=ON \
+  -DCMAKE_CXX_COMPILER=g++
 cmake --build build -j "$jobs"
 run_tests build
 

@@ -69,6 +69,11 @@ int iRun(int argc, char *argv[])
 
     ImgProtParam param;
     vInitImgProtParamV10(&param);
+    // The record holds the AES key and the private exponent: wiped on every way out.
+    struct WipeOnReturn {
+        ImgProtParam *param;
+        ~WipeOnReturn() { vWipeImgProtParamV10(param); }
+    } wipe_on_return{&param};
 
     if (iSetExtMemSize(&param, argv[4]) != 0) return -1;
     const uint32_t ext_mem_size = ui4GetLE32(param.hdr.ext_mem_size);

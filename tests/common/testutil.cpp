@@ -103,9 +103,10 @@ Run run(const std::string &exe, const std::vector<std::string> &args)
     if (pid == 0) {
         dup2(fileno(out), 1);
         dup2(fileno(err), 2);
-        // ZIRN_TEST_RUNNER, e.g. "qemu-x86_64 -cpu qemu64" or "valgrind ...", runs the executable.
+        // ZIRN_TEST_RUNNER, e.g. "qemu-x86_64 -cpu qemu64" or "valgrind ...", runs the project's
+        // executables (not the system's, such as openssl).
         std::vector<std::string> words;
-        std::istringstream runner(getenv("ZIRN_TEST_RUNNER") ? getenv("ZIRN_TEST_RUNNER") : "");
+        std::istringstream runner(getenv("ZIRN_TEST_RUNNER") && exe.rfind("/usr/", 0) != 0 ? getenv("ZIRN_TEST_RUNNER") : "");
         for (std::string w; runner >> w;) words.push_back(w);
         words.push_back(exe);
         words.insert(words.end(), args.begin(), args.end());

@@ -41,6 +41,16 @@ inline void write_file(const std::string &path, const Bytes &b) { write_file(pat
 Bytes read_file(const std::string &path);
 bool file_exists(const std::string &path);
 
+// The allocator of programs linked with common/alloc_hooks.cpp and -Wl,--wrap=malloc,--wrap=calloc,
+// --wrap=free: allocation number fail_at fails (0: none), held() blocks are not released yet, and
+// dirty counts the blocks released without having been overwritten with zeros.
+struct AllocHooks {
+    uint64_t calls = 0, fail_at = 0, dirty = 0;
+    void fail_nth(uint64_t n) { fail_at = n ? calls + n : 0; }
+    size_t held() const;
+};
+extern AllocHooks g_alloc;
+
 // Runs an executable (through the command in ZIRN_TEST_RUNNER when set); status is the exit
 // status, or -1 if it did not exit normally.
 struct Run {

@@ -8,18 +8,13 @@
 #include <ctime>
 
 #include "hexdump.h"
-#include "mpi_internal.h"
+#include "mpi.h"
 #include "oracle.h"
 #include "rsa.h"
 #include "rsa2048.h"
 #include "rsa2048_pss.h"
 
 static_assert(std::endian::native == std::endian::little, "words are moved as little-endian bytes");
-
-// Linked with --wrap=malloc: the n-th allocation of the project's own code from now fails.
-extern "C" void *__real_malloc(size_t size);
-static int g_fail_malloc = 0;
-extern "C" void *__wrap_malloc(size_t size) { return g_fail_malloc > 0 && --g_fail_malloc == 0 ? nullptr : __real_malloc(size); }
 
 using zt::Bytes;
 using namespace std::string_literals;
@@ -185,19 +180,19 @@ TEST(Pss, EncoderFailures)
                  {32, 2048, 512, 1, -3, alloc, 512}, {32, 2048, 512, 4, -3, alloc, 512},
                  {32, 2048, 512, 6, -2, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_encode_sha256 operation\n", 512}};
     for (const auto &c : cases) {
-        g_fail_malloc = c.fail_malloc;
+        zt::g_alloc.fail_nth(uint64_t(c.fail_malloc));
         const auto [rc, len, em, out] = encode(digest, c.salt_len, c.bits, nullptr, c.cap);
-        g_fail_malloc = 0;
+        zt::g_alloc.fail_nth(0);
         const std::string want = c.out[0] == '(' ? "Error: wrong input parameter length " + c.out + " for pkcs_1_pss_encode_sha256 operation\n" : c.out;
         EXPECT_EQ(std::tuple(rc, len, em, out), std::tuple(c.rc, c.len, Bytes(c.cap, 0xEE), want));  // output untouched
     }
     Bytes em(256, 0x3C);
     em.back() = 0xBC;
-    g_fail_malloc = 1;  // the decoder's own buffers, then those of its mask
+    zt::g_alloc.fail_nth(1);  // the decoder's own buffers, then those of its mask
     const Verdict d1 = decode(digest, em);
-    g_fail_malloc = 5;
+    zt::g_alloc.fail_nth(5);
     const Verdict d2 = decode(digest, em);
-    g_fail_malloc = 0;
+    zt::g_alloc.fail_nth(0);
     EXPECT_EQ(d1, Verdict(-3, 0, "Error: fail to allocate memory for pkcs_1_pss_decode_sha256 operation\n"));
     EXPECT_EQ(d2, Verdict(-2, 0, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_decode_sha256 operation\n"));
 }
@@ -317,16 +312,16 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
             {-2, "Error: init tmp parameter for rsa operation\n"}, {-3, init_key}, {-4, init_key}, {MP_NOMEM, "Error: fail to read input data =>\n" + dump(in)}};
         if (exp->size() > 128) steps.push_back({MP_NOMEM, "Error: fail to read rsa e/d exponent data =>\n" + dump(*exp)});
         steps.push_back({MP_NOMEM, "Error: fail to read rsa n data =>\n" + dump(key.n)});
-        const uint64_t before = s_mp_alloc_calls();
+        const uint64_t before = zt::g_alloc.calls;
         ASSERT_EQ(std::get<0>(exptmod(in, *exp, key.n)), 0);
-        const uint64_t count = s_mp_alloc_calls() - before;
+        const uint64_t count = zt::g_alloc.calls - before;
         for (uint64_t n = 1; n <= count; n += n < 12 || exp == &key.e ? 1 : count / 8) {
-            const int64_t live = s_mp_live_arrays();
-            s_mp_alloc_fail_nth(n);
+            const size_t live = zt::g_alloc.held();
+            zt::g_alloc.fail_nth(n);
             const auto [rc, len, out, printed] = exptmod(in, *exp, key.n);
-            s_mp_alloc_fail_nth(0);
+            zt::g_alloc.fail_nth(0);
             const auto want = n <= steps.size() ? steps[n - 1] : std::pair(MP_NOMEM, "Error: fail to calculate exponent mod\n"s);
-            ASSERT_EQ(std::tuple(rc, printed, out, s_mp_live_arrays()), std::tuple(want.first, want.second, Bytes(256, 0xEE), live)) << n;
+            ASSERT_EQ(std::tuple(rc, printed, out, zt::g_alloc.held()), std::tuple(want.first, want.second, Bytes(256, 0xEE), live)) << n;
         }
     }
 }

@@ -2,6 +2,7 @@
 // exit status compared with the documented messages.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 
 #include "oracle.h"
@@ -148,5 +149,53 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
         EXPECT_EQ(r.status, 255);
         EXPECT_TRUE(after == close + tail_failed || after == header + tail_failed || after == header + close + tail_failed ||
                     after == data + tail_failed || after == data + close + tail_failed) << after;
+    }
+}
+
+// A full disk at each write and at the close, an input that shrinks between the size query and the
+// read, a directory as input or output, a read-only folder, and every allocation of a run failing
+// in turn: each gives its documented messages and status 255, nothing leaks (the sanitizer build
+// checks), and whatever file is left never passes for a protected image unless it verifies.
+TEST(Signer, FileSystemFaultsAndEveryAllocationFailing)
+{
+    const Job job(100000);
+    const std::string failed = "Error: fail to protect zirn image binary file (" + job.in + ")\n", dir = job.dir + "/dir";
+    std::filesystem::create_directory(dir);
+    const auto run = [&](const std::string &fault, const std::string &in, const std::string &out) {
+        setenv("ZIRN_FAULT", fault.c_str(), 1);
+        const zt::Run r = zt::run(ZIRN_FAULTS_EXE, {job.cfg, in, out, "0x00200000"});
+        unsetenv("ZIRN_FAULT");
+        const int left = zt::file_exists(out) && out != dir ? zt::run(ZIRNIMG_EXE, {"verify", out, "--cfg", job.cfg}).status : -1;
+        std::filesystem::remove(job.out);
+        return std::tuple(r, left);
+    };
+    const std::string size_fail = "Error: the required external memory size (2097152) should be larger than the size (0) of the encrypted zirn image\n";
+    const std::tuple<std::string, std::string, std::string, std::string, std::vector<int>> rows[] = {  // fault, in, out, tail, left behind
+        {"fwrite:1", job.in, job.out, "Error: fail to write header (576) to the file (" + job.out + ")\n" + failed, {4}},
+        {"fwrite:2", job.in, job.out, "Error: fail to write protected image data (100000) to the file (" + job.out + ")\n" + failed, {4}},
+        {"fclose:4", job.in, job.out, "Error: fail to close the file for the protected zirn image with header (" + job.out + ")\n" + failed, {0, 4}},
+        {"fread:1", job.in, job.out, "Error: fail to read data (100000) from zirn image binary file (" + job.in + ")\n", {-1}},
+        {"fclose:3", job.in, job.out, "Error: fail to close zirn image binary file (" + job.in + ")\n", {-1}},
+        {"fclose:2", job.in, job.out, "Error: fail to close file (" + job.in + ") for getting file size\nError: file of zirn image binary file (" + job.in + ") is 0\n", {-1}},
+        {"none:0", dir, job.out, size_fail, {-1}},  // a directory's size query is unguarded and reads as 0xFFFFFFFF
+        {"none:0", job.in, dir, "Error: fail to open the file for the protected zirn image with header (" + dir + ")\n" + failed, {-1}},
+        {"none:0", job.in, "/proc/zirn.prot", "Error: fail to open the file for the protected zirn image with header (/proc/zirn.prot)\n" + failed, {-1}},
+    };
+    for (const auto &[fault, in, out, tail, left_ok] : rows) {
+        const auto [r, left] = run(fault, in, out);
+        EXPECT_EQ(std::pair(r.status, r.out.substr(r.out.size() - std::min(r.out.size(), tail.size()))), std::pair(255, tail)) << fault;
+        EXPECT_NE(std::find(left_ok.begin(), left_ok.end(), left), left_ok.end()) << fault << ": zirnimg verify gives " << left;
+    }
+    const auto [counted, none] = run("alloc:0", job.in, job.out);
+    ASSERT_EQ(counted.status, 0);
+    const int allocations = std::stoi(counted.err.substr(counted.err.find(": ") + 2));
+    EXPECT_GT(allocations, 10);
+    for (int n = 1; n <= allocations; n++) {
+        const auto [r, left] = run("alloc:" + std::to_string(n), job.in, job.out);
+        const std::string masked = mask_dumps(r.out), cascade = masked.substr(masked.find("Error: "));
+        bool errors_only = true;  // the documented cascade: error lines (and the dumps they announce) to the end
+        for (size_t at = 0; at < cascade.size(); at = cascade.find('\n', at) + 1) errors_only = errors_only && (cascade.compare(at, 7, "Error: ") == 0 || cascade.compare(at, 1, "<") == 0 || cascade.compare(at, 9, "RSA N =>\n") == 0 || cascade.compare(at, 14, "Input Data =>\n") == 0);
+        EXPECT_TRUE(r.status == 255 && left == -1 && errors_only && (cascade.ends_with(failed) || cascade == "Error: fail to allocate memory for zirn image binary file\n"))
+            << "allocation " << n << ":\n" << cascade;
     }
 }

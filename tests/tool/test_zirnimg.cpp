@@ -86,7 +86,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         zt::write_file(d + "/" + name, b);
         return d + "/" + name;
     };
-    std::filesystem::resize_file(image("sparse", 24, {0x00, 0x00, 0x00, 0x02}), 576 + (32 << 20));  // 32 MiB of holes, read in pieces
+    std::filesystem::resize_file(image("sparse", 24, {0x00, 0x00, 0x80, 0x00}), 576 + (8 << 20));  // 8 MiB of holes, read in pieces
     zt::write_file(d + "/bad.cfg", "ENC_PARAM = 0x12\n");
     zt::write_file(d + "/no_enc.cfg", "AUTH_PARAM_N = 0x" + zt::to_hex(zt::test_key(0).n) + "\n");
     zt::write_file(d + "/short.sig", Bytes(255, 1));
