@@ -166,21 +166,6 @@ TEST(Aes, PredefinedKeyDataMatchesItsRuleAndRoundTrips)
     }
 }
 
-TEST(Aes, RejectedCallsWriteNothing)
-{
-    const Bytes key(16, 1), iv(16, 2), in(32, 3);
-    Bytes out(32, 0xee);
-    uint32_t rc = ~0u;
-    for (int32_t len : {0, -1, INT32_MIN})
-        for (Op op : {vAES128CBCEnc, vAES128CBCDec, vAES128CTR}) op(key.data(), iv.data(), in.data(), out.data(), len);
-    vAES128CTR(nullptr, iv.data(), in.data(), out.data(), 16);
-    vAES128CTR(key.data(), nullptr, in.data(), out.data(), 16);
-    vAES128CTR(key.data(), iv.data(), nullptr, out.data(), 16);
-    vAES128CTR(key.data(), iv.data(), in.data(), nullptr, 16);
-    for (auto fn : {uiEncData, uiDecData}) rc &= fn(nullptr, out.data(), 16) & fn(in.data(), out.data(), 0) & fn(in.data(), nullptr, 16);
-    EXPECT_EQ(std::pair(out, rc), std::pair(Bytes(32, 0xee), 0xFFFFFFFFu));
-}
-
 TEST(Sha256, PublishedVectorsWholeAndInPiecesAndRandomMessagesMatchOpenSsl)
 {
     const nlohmann::json v = zt::load_vectors("aes_sha256_kat.json");
@@ -205,26 +190,21 @@ TEST(Sha256, PublishedVectorsWholeAndInPiecesAndRandomMessagesMatchOpenSsl)
 TEST(Sha256, ResultCodesLeaveTheContextAlone)
 {
     uint8_t in[8] = {1, 2, 3}, out[32];
-    for (auto [fill, call, want] : {std::tuple{0u, std::function<int(sha256_ctx *)>([](sha256_ctx *) { return sha256_init(nullptr); }), -1},
-                                    {0, [&](sha256_ctx *) { return sha256_process(nullptr, in, 3); }, -1},
-                                    {0, [](sha256_ctx *c) { return sha256_process(c, nullptr, 0); }, -2},
-                                    {65, [&](sha256_ctx *c) { return sha256_process(c, in, 0); }, -3},
-                                    {0, [&](sha256_ctx *) { return sha256_done(nullptr, out); }, -2},
-                                    {64, [](sha256_ctx *c) { return sha256_done(c, nullptr); }, -3},
-                                    {64, [&](sha256_ctx *c) { return sha256_done(c, out); }, -4},
-                                    {0, [&](sha256_ctx *) { return sha256(nullptr, 0, out); }, -2},
-                                    {0, [&](sha256_ctx *) { return sha256(in, 3, nullptr); }, -3}}) {
-        sha256_ctx ctx{};
+    sha256_ctx ctx{}, *c = &ctx;
+    for (auto [fill, call, want] : {std::tuple{0u, std::function<int()>([] { return sha256_init(nullptr); }), -1},
+                                    {0, [&] { return sha256_process(nullptr, in, 3); }, -1}, {0, [&] { return sha256_process(c, nullptr, 0); }, -2},
+                                    {65, [&] { return sha256_process(c, in, 0); }, -3}, {0, [&] { return sha256_done(nullptr, out); }, -2},
+                                    {64, [&] { return sha256_done(c, nullptr); }, -3}, {64, [&] { return sha256_done(c, out); }, -4},
+                                    {0, [&] { return sha256(nullptr, 0, out); }, -2}, {0, [&] { return sha256(in, 3, nullptr); }, -3}}) {
         sha256_init(&ctx);
         ctx.fill = fill;
         const sha256_ctx before = ctx;
-        const int rc = call(&ctx);
+        const int rc = call();
         EXPECT_EQ(std::pair(rc, memcmp(&before, &ctx, sizeof ctx)), std::pair(want, 0));
     }
     // A buffer holding a whole block is compressed before new bytes join it.
     Bytes msg(70);
     for (size_t i = 0; i < msg.size(); i++) msg[i] = uint8_t(i);
-    sha256_ctx ctx{};
     sha256_init(&ctx);
     std::copy(msg.begin(), msg.begin() + 64, ctx.buffer);
     ctx.fill = 64;

@@ -1,31 +1,18 @@
-// The pipeline's argument checks, which the executable never reaches (the rest of the pipeline
-// is checked through the executable, tests/tool/test_e2e.cpp).
+// The pipeline's argument checks, which the executable never reaches (the rest of the pipeline is
+// checked through the executable, tests/tool/test_e2e.cpp).
 #include <gtest/gtest.h>
-
-#include <cstring>
 
 #include "ZirnImgProt.h"
 #include "testutil.h"
 
 TEST(Pipeline, NullArgumentsAreRejectedInOrderAndTouchNothing)
 {
-    ImgProtParam param;
-    memset(&param, 0, sizeof param);
+    ImgProtParam p{};
     uint8_t img[16] = {};
-    const char *path = "unused";
-    const struct {
-        ImgProtParam *param;
-        uint8_t *img;
-        const char *path, *message;
-    } cases[] = {{&param, nullptr, path, "Error: input zirn img buffer is NULL\n"},
-                 {nullptr, nullptr, nullptr, "Error: input zirn img buffer is NULL\n"},
-                 {nullptr, img, path, "Error: input parameter structure is NULL\n"},
-                 {nullptr, img, nullptr, "Error: input parameter structure is NULL\n"},
-                 {&param, img, nullptr, "Error: output file name is NULL\n"}};
-    for (const auto &c : cases) {
-        int32_t rc = 0;
-        EXPECT_EQ(zt::capture_stdout([&] { rc = iProtZIRNImgV10(c.param, c.img, 16, c.path); }), c.message);
-        EXPECT_EQ(rc, -1);
-        EXPECT_EQ(param.hdr.prot_mark0, 0);
-    }
+    const std::string buffer = "Error: input zirn img buffer is NULL\n", record = "Error: input parameter structure is NULL\n";
+    for (auto [param, buf, path, message] : {std::tuple{&p, (uint8_t *)nullptr, "out", buffer}, {nullptr, nullptr, nullptr, buffer},
+                                             {nullptr, img, "out", record}, {nullptr, img, nullptr, record},
+                                             {&p, img, nullptr, "Error: output file name is NULL\n"}})
+        EXPECT_EQ(zt::printed([&, param = param, buf = buf, path = path] { return iProtZIRNImgV10(param, buf, 16, path); }), std::pair(-1, message));
+    EXPECT_EQ(p.hdr.prot_mark0, 0);
 }

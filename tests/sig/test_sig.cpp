@@ -6,6 +6,9 @@
 
 #include <bit>
 #include <ctime>
+#ifdef ZIRN_CT_CHECK
+#include <valgrind/memcheck.h>
+#endif
 
 #include "hexdump.h"
 #include "mpi.h"
@@ -101,18 +104,11 @@ Bytes operator+(Bytes b, uint8_t x) { return b.push_back(x), b; }
 Bytes padded(const Bytes &b, size_t len) { return zt::from_hex(std::string(2 * (len - b.size()), '0') + zt::to_hex(b)); }
 
 using Op = std::array<uint32_t, 64>;
-zt::Bn bn(const Op &w)
-{
-    Bytes be(256);
-    for (int i = 0; i < 256; i++) be[255 - i] = uint8_t(w[size_t(i / 4)] >> (8 * (i % 4)));
-    return zt::bn(be);
-}
+zt::Bn bn(const Op &w) { return zt::Bn(BN_lebin2bn(reinterpret_cast<const uint8_t *>(w.data()), 256, nullptr)); }
 Op words(const BIGNUM *b)
 {
-    Bytes be(256);
-    BN_bn2binpad(b, be.data(), 256);
-    Op w{};
-    for (int i = 0; i < 256; i++) w[size_t(i / 4)] |= uint32_t(be[255 - i]) << (8 * (i % 4));
+    Op w;
+    BN_bn2lebinpad(b, reinterpret_cast<uint8_t *>(w.data()), 256);
     return w;
 }
 Op random_op(std::mt19937_64 &rng, uint32_t len)  // exactly len significant words
@@ -123,14 +119,6 @@ Op random_op(std::mt19937_64 &rng, uint32_t len)  // exactly len significant wor
 }
 
 }  // namespace
-
-TEST(Pss, Mgf1RejectsMissingBuffers)
-{
-    uint8_t b[4];
-    for (auto [seed, mask] : {std::pair<uint8_t *, uint8_t *>{nullptr, b}, {b, nullptr}})
-        EXPECT_EQ(zt::printed([&, seed = seed, mask = mask] { return pkcs_1_mgf1_sha256(seed, 4, mask, 4); }),
-                  std::pair(-1, "Error: wrong input parameter for pkcs_1_mgf1_sha256 operation\n"s));
-}
 
 // Every case through the verification route; the encoded message of every valid signature is
 // also rebuilt by the encoder from its salt.
@@ -158,8 +146,12 @@ TEST(Pss, WycheproofVectors)
     EXPECT_EQ(std::pair(valid, invalid > 30), std::pair(63, true));
 }
 
-TEST(Pss, EncoderFailures)
+TEST(Pss, EncoderAndMaskFailures)
 {
+    uint8_t b[4];
+    for (auto [seed, mask] : {std::pair<uint8_t *, uint8_t *>{nullptr, b}, {b, nullptr}})
+        EXPECT_EQ(zt::printed([&, seed = seed, mask = mask] { return pkcs_1_mgf1_sha256(seed, 4, mask, 4); }),
+                  std::pair(-1, "Error: wrong input parameter for pkcs_1_mgf1_sha256 operation\n"s));
     const Bytes digest(32, 1);
     uint8_t out[256];
     uint32_t len = 256;
@@ -195,6 +187,8 @@ TEST(Pss, EncoderFailures)
     zt::g_alloc.fail_nth(0);
     EXPECT_EQ(d1, Verdict(-3, 0, "Error: fail to allocate memory for pkcs_1_pss_decode_sha256 operation\n"));
     EXPECT_EQ(d2, Verdict(-2, 0, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_decode_sha256 operation\n"));
+    const uint8_t bytes[] = {0x01, 0xAB, 0x00, 0xFF};  // the dumps that go with the messages
+    EXPECT_EQ(zt::capture_stdout([&] { vHexDumpBuf(bytes, 4), vHexDumpBuf(bytes, 0), vHexDumpBuf(nullptr, -1); }), "0x01ab00ff\n0x\n0x\n");
 }
 
 // The salt: srand(time), then rand() % 255 per byte; none drawn for an empty salt.
@@ -202,13 +196,10 @@ TEST(Pss, SaltComesFromTheClockSeededGenerator)
 {
     const Bytes digest(32, 0x5A);
     Bytes em, again, want(222);
-    time_t t;
-    do {
-        t = time(nullptr);
-        em = std::get<2>(encode(digest, 222, 2048));
-        again = std::get<2>(encode(digest, 222, 2048));
-    } while (time(nullptr) != t);
-    srand(unsigned(t));
+    for (time_t t = 0; t != time(nullptr);) {  // within one second
+        t = time(nullptr), em = std::get<2>(encode(digest, 222, 2048)), again = std::get<2>(encode(digest, 222, 2048));
+        srand(unsigned(t));
+    }
     for (auto &b : want) b = uint8_t(rand() % 255);
     EXPECT_EQ(std::tuple(salt_of(em, 222), again), std::tuple(want, em));
     srand(777);
@@ -269,11 +260,6 @@ TEST(Pss, DecoderChecksInTheirOrder)
     EXPECT_EQ(verdict, 7);
 }
 
-TEST(Pss, HexDump)
-{
-    const uint8_t b[] = {0x01, 0xAB, 0x00, 0xFF};
-    EXPECT_EQ(zt::capture_stdout([&] { vHexDumpBuf(b, 4), vHexDumpBuf(b, 0), vHexDumpBuf(nullptr, -1); }), "0x01ab00ff\n0x\n0x\n");
-}
 
 TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
 {
@@ -325,6 +311,21 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
         }
     }
 }
+
+#ifdef ZIRN_CT_CHECK
+// Run under valgrind's memcheck with -DZIRN_CT_CHECK=ON: the private exponent's bytes are marked
+// undefined, so every branch, memory index or conditional move that depends on them is reported, up
+// to the point where the signature is declassified.
+TEST(RsaExptmod, ConstantTimeInThePrivateExponent)
+{
+    const zt::RsaKey &key = zt::test_key(0);
+    Bytes d = key.d, block(256, 0x5A);
+    block[0] = 0x12;  // below the modulus
+    VALGRIND_MAKE_MEM_UNDEFINED(d.data(), d.size());
+    const auto [rc, len, sig, printed] = exptmod(block, d, key.n);
+    EXPECT_EQ(std::tuple(rc, zt::modexp(sig, key.e, key.n)), std::tuple(0, block));
+}
+#endif
 
 // The single-word steps against 64-bit arithmetic, on divisors whose halves make the half-digit
 // estimates overshoot and high words below, at and above the divisor (bit 32 of the quotient).

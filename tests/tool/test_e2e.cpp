@@ -130,31 +130,18 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
         EXPECT_EQ(std::tuple(r.status, got, zt::file_exists(job.out) || zt::file_exists(no_dir)), std::tuple(255, want, false));
     }
     // The private exponent of another key: signing succeeds and the check rejects it (decoder checks or hash).
-    zt::Run r = zt::run(ZIRN_TOOL_EXE, {foreign_cfg, job.in, job.out, "0x1000"});
+    const zt::Run r = zt::run(ZIRN_TOOL_EXE, {foreign_cfg, job.in, job.out, "0x1000"});
     const std::string masked = mask_dumps(r.out), tail = masked.substr(masked.find(kDumps) + kDumps.size()),
                       route_failed = "Error: fail to use platform flow to verify signature for the encrypted zirn image\n" + failed;
     EXPECT_TRUE((tail.rfind("Error: fail to ", 0) == 0 && tail.substr(tail.find('\n') + 1) == route_failed) ||
                 tail == "Error: the verification result (by using platform flow) is incorrect se platform flow to verify signature for the encrypted zirn image\n" + failed)
         << tail;
     EXPECT_EQ(std::pair(r.status, zt::file_exists(job.out)), std::pair(255, false));
-    // A full device: buffered output reaches it at the latest on close, so a write or the close (or both) report it.
-    for (size_t size : {size_t(17), size_t(1) << 20}) {
-        const Job big(size);
-        r = zt::run(ZIRN_TOOL_EXE, {big.cfg, big.in, "/dev/full", "0x00200000"});
-        const std::string verified = "Succeed to verify the signature of zirn image\n", after = r.out.substr(r.out.find(verified) + verified.size()),
-                          close = "Error: fail to close the file for the protected zirn image with header (/dev/full)\n",
-                          header = "Error: fail to write header (576) to the file (/dev/full)\n",
-                          data = "Error: fail to write protected image data (" + std::to_string(size) + ") to the file (/dev/full)\n",
-                          tail_failed = "Error: fail to protect zirn image binary file (" + big.in + ")\n";
-        EXPECT_EQ(r.status, 255);
-        EXPECT_TRUE(after == close + tail_failed || after == header + tail_failed || after == header + close + tail_failed ||
-                    after == data + tail_failed || after == data + close + tail_failed) << after;
-    }
 }
 
-// A full disk at each write and at the close, an input that shrinks between the size query and the
-// read, a directory as input or output, a read-only folder, and every allocation of a run failing
-// in turn: each gives its documented messages and status 255, nothing leaks (the sanitizer build
+// A full device, a full disk at each write and at the close, an input that shrinks between the size
+// query and the read, a directory as input or output, a read-only folder, and every allocation of a
+// run failing in turn: each gives its documented messages and status 255, nothing leaks (the sanitizer build
 // checks), and whatever file is left never passes for a protected image unless it verifies.
 TEST(Signer, FileSystemFaultsAndEveryAllocationFailing)
 {
@@ -165,25 +152,30 @@ TEST(Signer, FileSystemFaultsAndEveryAllocationFailing)
         setenv("ZIRN_FAULT", fault.c_str(), 1);
         const zt::Run r = zt::run(ZIRN_FAULTS_EXE, {job.cfg, in, out, "0x00200000"});
         unsetenv("ZIRN_FAULT");
-        const int left = zt::file_exists(out) && out != dir ? zt::run(ZIRNIMG_EXE, {"verify", out, "--cfg", job.cfg}).status : -1;
+        const int left = zt::file_exists(out) && out != dir && out != "/dev/full" ? zt::run(ZIRNIMG_EXE, {"verify", out, "--cfg", job.cfg}).status : -1;
         std::filesystem::remove(job.out);
         return std::tuple(r, left);
     };
     const std::string size_fail = "Error: the required external memory size (2097152) should be larger than the size (0) of the encrypted zirn image\n";
-    const std::tuple<std::string, std::string, std::string, std::string, std::vector<int>> rows[] = {  // fault, in, out, tail, left behind
-        {"fwrite:1", job.in, job.out, "Error: fail to write header (576) to the file (" + job.out + ")\n" + failed, {4}},
-        {"fwrite:2", job.in, job.out, "Error: fail to write protected image data (100000) to the file (" + job.out + ")\n" + failed, {4}},
-        {"fclose:4", job.in, job.out, "Error: fail to close the file for the protected zirn image with header (" + job.out + ")\n" + failed, {0, 4}},
-        {"fread:1", job.in, job.out, "Error: fail to read data (100000) from zirn image binary file (" + job.in + ")\n", {-1}},
-        {"fclose:3", job.in, job.out, "Error: fail to close zirn image binary file (" + job.in + ")\n", {-1}},
-        {"fclose:2", job.in, job.out, "Error: fail to close file (" + job.in + ") for getting file size\nError: file of zirn image binary file (" + job.in + ") is 0\n", {-1}},
-        {"none:0", dir, job.out, size_fail, {-1}},  // a directory's size query is unguarded and reads as 0xFFFFFFFF
-        {"none:0", job.in, dir, "Error: fail to open the file for the protected zirn image with header (" + dir + ")\n" + failed, {-1}},
-        {"none:0", job.in, "/proc/zirn.prot", "Error: fail to open the file for the protected zirn image with header (/proc/zirn.prot)\n" + failed, {-1}},
+    const std::string full = "/dev/full", full_close = "Error: fail to close the file for the protected zirn image with header (/dev/full)\n",
+                      full_data = "Error: fail to write protected image data (100000) to the file (/dev/full)\n";
+    const std::tuple<std::string, std::string, std::string, std::vector<std::string>, std::vector<int>> rows[] = {  // fault, in, out, tails, left
+        // A full device: the buffered output reaches it at the latest on close, so a write or the close (or both) report it.
+        {"none:0", job.in, full, {full_close + failed, full_data + failed, full_data + full_close + failed}, {-1}},
+        {"fwrite:1", job.in, job.out, {"Error: fail to write header (576) to the file (" + job.out + ")\n" + failed}, {4}},
+        {"fwrite:2", job.in, job.out, {"Error: fail to write protected image data (100000) to the file (" + job.out + ")\n" + failed}, {4}},
+        {"fclose:4", job.in, job.out, {"Error: fail to close the file for the protected zirn image with header (" + job.out + ")\n" + failed}, {0, 4}},
+        {"fread:1", job.in, job.out, {"Error: fail to read data (100000) from zirn image binary file (" + job.in + ")\n"}, {-1}},
+        {"fclose:3", job.in, job.out, {"Error: fail to close zirn image binary file (" + job.in + ")\n"}, {-1}},
+        {"fclose:2", job.in, job.out, {"Error: fail to close file (" + job.in + ") for getting file size\nError: file of zirn image binary file (" + job.in + ") is 0\n"}, {-1}},
+        {"none:0", dir, job.out, {size_fail}, {-1}},  // a directory's size query is unguarded and reads as 0xFFFFFFFF
+        {"none:0", job.in, dir, {"Error: fail to open the file for the protected zirn image with header (" + dir + ")\n" + failed}, {-1}},
+        {"none:0", job.in, "/proc/zirn.prot", {"Error: fail to open the file for the protected zirn image with header (/proc/zirn.prot)\n" + failed}, {-1}},
     };
-    for (const auto &[fault, in, out, tail, left_ok] : rows) {
+    for (const auto &[fault, in, out, tails, left_ok] : rows) {
         const auto [r, left] = run(fault, in, out);
-        EXPECT_EQ(std::pair(r.status, r.out.substr(r.out.size() - std::min(r.out.size(), tail.size()))), std::pair(255, tail)) << fault;
+        const std::string got = r.out;
+        EXPECT_TRUE(r.status == 255 && std::any_of(tails.begin(), tails.end(), [&](const std::string &t) { return got.ends_with(t); })) << fault << got;
         EXPECT_NE(std::find(left_ok.begin(), left_ok.end(), left), left_ok.end()) << fault << ": zirnimg verify gives " << left;
     }
     const auto [counted, none] = run("alloc:0", job.in, job.out);
