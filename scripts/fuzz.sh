@@ -24,6 +24,7 @@ for t in "${targets[@]}"; do
     tail -n 40 "$scratch/$t.log"
     status=1
   fi
-  grep -E '^#[0-9]+ +DONE|stat::average_exec_per_sec' "$scratch/$t.log" || true
+  grep -E '^#[0-9]' "$scratch/$t.log" | tail -n 1
+  grep 'stat::average_exec_per_sec' "$scratch/$t.log" || true
 done
 exit $status
