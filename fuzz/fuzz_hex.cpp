@@ -1,36 +1,27 @@
-// Hex conversion against an independent decode: first input byte = byte count (signed), the rest
-// is the text, copied to a heap block of exactly its size plus terminator.
+// Hex conversion against an independent decode.  First input byte: the byte count (signed); the
+// rest: the text, copied with a terminator into a block of exactly that size.
+#include <algorithm>
 #include <cstring>
-#include <memory>
+#include <vector>
 
 #include "ZirnImgProtCfgFileProc.h"
 #include "fuzz_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    vQuietStdout();
     if (size == 0) return 0;
     const int32_t len = int8_t(data[0]);
-    std::unique_ptr<char[]> text(new char[size]);
-    memcpy(text.get(), data + 1, size - 1);
-    text[size - 1] = '\0';
-    std::unique_ptr<uint8_t[]> buf(new uint8_t[len > 0 ? len : 0]), want(new uint8_t[128]());
-
-    // Expected result and the bytes completed before it.
+    std::vector<char> text(size);
+    std::vector<uint8_t> buf(size_t(std::max(len, 1))), want(128);  // exactly len bytes (0: one, not null)
+    std::copy_n(data + 1, size - 1, text.begin());
     static const char HEX[] = "0123456789abcdef0123456789ABCDEF";
-    int32_t expect = 0, done = 0;
-    if (len < 0) expect = -1;
-    else if (text[0] != '0') expect = -2;
-    else if (text[1] != 'x' && text[1] != 'X') expect = -3;
+    int32_t expect = len < 0 ? -1 : text[0] != '0' ? -2 : text[1] != 'x' && text[1] != 'X' ? -3 : 0, done = 0;
     for (int32_t i = 0; expect == 0 && i < 2 * len; ++i) {
-        const void *digit = memchr(HEX, text[2 + i], 32);  // the terminator is not among the 32
+        const char *digit = static_cast<const char *>(memchr(HEX, text[2 + i], 32));  // not the terminator
         if (digit == nullptr) expect = -4;
-        else want[i / 2] = uint8_t(want[i / 2] << 4 | (static_cast<const char *>(digit) - HEX) % 16);
-        done = expect == 0 && i % 2 == 1 ? i / 2 + 1 : done;
+        else want[i / 2] = uint8_t(want[i / 2] << 4 | (digit - HEX) % 16), done = (i + 1) / 2;
     }
-
-    const int32_t rc = iConvHexStrToValBuf(text.get(), buf.get(), len);
-    FUZZ_CHECK(rc == expect);
-    FUZZ_CHECK(memcmp(buf.get(), want.get(), size_t(done)) == 0);
+    FUZZ_CHECK(iConvHexStrToValBuf(text.data(), buf.data(), len) == expect);
+    FUZZ_CHECK(std::equal(want.begin(), want.begin() + done, buf.begin()));  // bytes completed stay written
     return 0;
 }

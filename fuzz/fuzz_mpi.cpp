@@ -1,133 +1,98 @@
-// mp_div and mp_exptmod against a schoolbook reference on 32-bit words.  Input: flags (bit 0
-// exponentiation; bits 1-3 a, b, m negative; bits 4-5 which record takes the quotient or the
-// power: its own, a, b or m), three lengths, then the big-endian bytes of a, b and m.
+// mp_div and mp_exptmod against a schoolbook reference on 32-bit words.  Input: flags (bit 0 the
+// power; bits 1-3 a, b, m negative), three lengths, then the big-endian bytes of a, b and m: a and
+// b up to 512 bits; for the power b up to 128 bits and m up to 384.
 #include <algorithm>
-#include <utility>
-#include <vector>
+#include <array>
 
 #include "fuzz_util.h"
 #include "mpi.h"
 
 namespace {
 
-using Num = std::vector<uint32_t>;  // magnitude, least significant word first, no zero top word
+constexpr size_t W = 24;              // words: 768 bits hold every value and product here
+using Num = std::array<uint32_t, W>;  // least significant word first
 
-void vTrim(Num &x)
-{
-    while (!x.empty() && x.back() == 0) x.pop_back();
-}
+size_t Words(const Num &x) { size_t n = W; while (n > 0 && x[n - 1] == 0) --n; return n; }
 
 Num FromBytes(const uint8_t *p, size_t n)
 {
-    Num x((n + 3) / 4);
+    Num x{};
     for (size_t i = 0; i < n; ++i) x[(n - 1 - i) / 4] |= uint32_t(p[i]) << 8 * ((n - 1 - i) % 4);
-    vTrim(x);
     return x;
 }
 
-bool bLess(const Num &a, const Num &b)
+Num Sub(Num a, const Num &b)  // a - b, a >= b
 {
-    return a.size() != b.size() ? a.size() < b.size() : std::lexicographical_compare(a.rbegin(), a.rend(), b.rbegin(), b.rend());
-}
-
-void vSub(Num &a, const Num &b)  // a -= b, a >= b
-{
-    uint64_t borrow = 0;
-    for (size_t j = 0; j < a.size(); ++j) {
-        const uint64_t t = uint64_t(a[j]) - (j < b.size() ? b[j] : 0) - borrow;
-        a[j] = uint32_t(t);
-        borrow = t >> 63;
-    }
-    vTrim(a);
+    for (uint64_t j = 0, t = 0; j < W; ++j, t >>= 63) a[j] = uint32_t(t = uint64_t(a[j]) - b[j] - t);
+    return a;
 }
 
 Num Mul(const Num &a, const Num &b)
 {
-    Num c(a.size() + b.size());
-    for (size_t i = 0; i < a.size(); ++i) {
-        uint64_t carry = 0;
-        for (size_t j = 0; j < b.size(); ++j, carry >>= 32) c[i + j] = uint32_t(carry += uint64_t(a[i]) * b[j] + c[i + j]);
-        c[i + b.size()] = uint32_t(carry);
-    }
-    vTrim(c);
+    Num c{};
+    for (size_t i = 0; i < Words(a); ++i)
+        for (uint64_t j = 0, t = 0; i + j < W; ++j, t >>= 32) c[i + j] = uint32_t(t += uint64_t(a[i]) * b[j] + c[i + j]);
     return c;
 }
 
-// Shift and subtract, one bit of a at a time: q = a / b, r = a mod b (b nonzero).
-void vDivMod(const Num &a, const Num &b, Num &q, Num &r)
+// Shift and subtract, one bit of a at a time: returns a mod b and puts a / b in *q (b nonzero).
+Num Mod(const Num &a, const Num &b, Num *q = nullptr)
 {
-    q.assign(a.size(), 0);
-    r.clear();
-    for (size_t i = 32 * a.size(); i-- > 0;) {
-        uint32_t carry = a[i / 32] >> i % 32 & 1;
-        for (uint32_t &w : r) carry = std::exchange(w, w << 1 | carry) >> 31;
-        if (carry != 0) r.push_back(carry);
-        if (!bLess(r, b)) vSub(r, b), q[i / 32] |= uint32_t(1) << i % 32;
+    Num r{};
+    const size_t n = Words(b) + 1;  // r < 2b fits
+    for (size_t i = 32 * Words(a); i-- > 0;) {
+        for (size_t j = n; j-- > 0;) r[j] = r[j] << 1 | (j > 0 ? r[j - 1] >> 31 : a[i / 32] >> i % 32 & 1);
+        size_t k = n - 1;
+        while (k > 0 && r[k] == b[k]) --k;
+        if (r[k] < b[k]) continue;
+        r = Sub(r, b);
+        if (q != nullptr) (*q)[i / 32] |= uint32_t(1) << i % 32;
     }
-    vTrim(q);
-}
-
-Num Mod(const Num &a, const Num &m)
-{
-    Num q, r;
-    vDivMod(a, m, q, r);
     return r;
 }
 
-Num Value(const mp_int *x)
+// x holds magnitude v with the sign given (a zero is never negative).
+bool bIs(const mp_int *x, const Num &v, bool negative)
 {
-    std::vector<uint8_t> bytes(size_t(mp_unsigned_bin_size(x)));
-    FUZZ_CHECK(mp_to_unsigned_bin(x, bytes.data()) == MP_OK);
-    return FromBytes(bytes.data(), bytes.size());
+    uint8_t bytes[4 * W];
+    const int32_t n = mp_unsigned_bin_size(x);
+    return n <= int32_t(sizeof bytes) && mp_to_unsigned_bin(x, bytes) == MP_OK && FromBytes(bytes, size_t(n)) == v &&
+           x->sign == (negative && Words(v) > 0 ? MP_MINUS : MP_PLUS);
 }
-
-mp_sign Sign(bool negative, const Num &x) { return negative && !x.empty() ? MP_MINUS : MP_PLUS; }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 4) return 0;
-    // a and b up to 512 bits; for the power the exponent up to 128 bits, the modulus up to 384.
-    const bool expt = data[0] & 1, neg[3] = {(data[0] & 2) != 0, (data[0] & 4) != 0, (data[0] & 8) != 0};
-    const size_t cap[3] = {65, expt ? 17u : 65u, 49};
+    const bool power = data[0] & 1, neg[3] = {(data[0] & 2) != 0, (data[0] & 4) != 0, (data[0] & 8) != 0};
+    const size_t cap[3] = {65, power ? 17u : 65u, power ? 49u : 1u};
     mp_int x[3], q, r;  // a, b, m; a quotient and a remainder that start as 7
-    Num ref[3];
-    for (size_t i = 0, at = 4; i < 3; ++i) {
-        const size_t n = std::min<size_t>(data[1 + i] % cap[i], size - at);
-        ref[i] = FromBytes(data + at, n);
+    Num v[3], want{7}, want_r{7};
+    for (size_t i = 0, at = 4, n; i < 3; ++i, at += n) {
+        n = std::min<size_t>(data[1 + i] % cap[i], size - at);
+        v[i] = FromBytes(data + at, n);
         FUZZ_CHECK(mp_init(&x[i]) == MP_OK && (n == 0 || mp_read_unsigned_bin(&x[i], data + at, int32_t(n)) == MP_OK));
-        x[i].sign = Sign(neg[i], ref[i]);
-        at += n;
+        x[i].sign = neg[i] && Words(v[i]) > 0 ? MP_MINUS : MP_PLUS;
     }
     FUZZ_CHECK(mp_init(&q) == MP_OK && mp_init(&r) == MP_OK);
-    mp_set(&q, 7);
-    mp_set(&r, 7);
-    const int sel = data[0] >> 4 & 3;
-    mp_int *const out = sel == 0 ? &q : &x[sel - 1];
-    const Num before = Value(out);
-    const mp_sign before_sign = out->sign;
-    const Num &a = ref[0], &b = ref[1], &m = ref[2];
-
-    Num want_q, want_r = {7}, want = {1};
-    const bool refused = expt ? m.empty() || (neg[1] && !b.empty()) || (neg[2] && !m.empty()) : b.empty();
-    if (!expt && !refused) vDivMod(a, b, want_q, want_r);
-    if (expt && !refused) {
-        Num base = Mod(a, m), residue = m;
-        if (neg[0] && !base.empty()) vSub(residue, base), base = residue;
-        for (size_t i = 32 * b.size(); i-- > 0;) {
+    mp_set(&q, 7), mp_set(&r, 7);
+    const Num &a = v[0], &b = v[1], &m = v[2];
+    const bool refused = power ? Words(m) == 0 || x[1].sign == MP_MINUS || x[2].sign == MP_MINUS : Words(b) == 0;
+    if (!refused && !power) want = {}, want_r = Mod(a, b, &want);
+    if (!refused && power) {
+        const Num residue = Mod(a, m), base = x[0].sign == MP_MINUS && Words(residue) > 0 ? Sub(m, residue) : residue;
+        want = {1};
+        for (size_t i = 32 * Words(b); i-- > 0;) {
             want = Mod(Mul(want, want), m);
             if (b[i / 32] >> i % 32 & 1) want = Mod(Mul(want, base), m);
         }
     }
-    const mp_err rc = expt ? mp_exptmod(&x[0], &x[1], &x[2], out) : mp_div(&x[0], &x[1], out, &r);
+    const mp_err rc = power ? mp_exptmod(&x[0], &x[1], &x[2], &q) : mp_div(&x[0], &x[1], &q, &r);
+    const bool divided = !power && !refused;
     FUZZ_CHECK(rc == (refused ? MP_OUT_OF_RANGE : MP_OK));
-    FUZZ_CHECK(Value(&r) == want_r && r.sign == Sign(neg[0] && !expt && !refused, want_r));
-    if (refused) FUZZ_CHECK(Value(out) == before && out->sign == before_sign);
-    if (!refused && expt) FUZZ_CHECK(Value(out) == want && out->sign == MP_PLUS);
-    if (!refused && !expt) FUZZ_CHECK(Value(out) == want_q && out->sign == Sign(neg[0] != neg[1], want_q));
-    for (size_t i = 0; i < 3; ++i)  // the operands that took no result are unchanged
-        FUZZ_CHECK(&x[i] == out || (Value(&x[i]) == ref[i] && x[i].sign == Sign(neg[i], ref[i])));
+    FUZZ_CHECK(bIs(&q, want, divided && neg[0] != neg[1]) && bIs(&r, want_r, divided && neg[0]));
+    for (size_t i = 0; i < 3; ++i) FUZZ_CHECK(bIs(&x[i], v[i], neg[i]));  // operands unchanged
     for (mp_int *y : {&x[0], &x[1], &x[2], &q, &r}) mp_clear(y);
     return 0;
 }
