@@ -1,9 +1,5 @@
 // Hex conversion against an independent decode.  First input byte: the byte count (signed); the
 // rest: the text, copied with a terminator into a block of exactly that size.
-#include <algorithm>
-#include <cstring>
-#include <vector>
-
 #include "ZirnImgProtCfgFileProc.h"
 #include "fuzz_util.h"
 

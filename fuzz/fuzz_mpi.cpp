@@ -1,9 +1,6 @@
 // mp_div and mp_exptmod against a schoolbook reference on 32-bit words.  Input: flags (bit 0 the
 // power; bits 1-3 a, b, m negative), three lengths, then the big-endian bytes of a, b and m: a and
 // b up to 512 bits; for the power b up to 128 bits and m up to 384.
-#include <algorithm>
-#include <array>
-
 #include "fuzz_util.h"
 #include "mpi.h"
 

@@ -1,9 +1,6 @@
 // PSS decoding of arbitrary blocks.  Input: mode, bit length (16-bit LE), salt length, hash (32
 // bytes), block.  Mostly (mode below 0xF0) 2048 bits, salt 32 and a 256-byte block zero-padded or
 // cut from the rest; otherwise the lengths given and the rest as it is.
-#include <algorithm>
-#include <vector>
-
 #include "fuzz_util.h"
 #include "rsa.h"
 #include "rsa2048.h"

@@ -1,7 +1,5 @@
 // The 65537 route on 64-word little-endian arrays against mp_exptmod with exponent 65537: the
 // first half of the input (at most 256 bytes, little-endian) is the base, the second the modulus.
-#include <algorithm>
-
 #include "fuzz_util.h"
 #include "mpi.h"
 #include "rsa.h"
