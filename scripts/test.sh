@@ -5,7 +5,7 @@
 # UndefinedBehaviorSanitizer (any
 # sanitizer report fails the run), then a third time built with clang++,
 # benchmarks and the constant-time check under memcheck included, so that the
-# code is warning-free with both compilers.
+# code is warning-free with both compilers; last, a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -44,3 +44,7 @@ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
   -DZIRN_BUILD_BENCHMARKS=ON -DZIRN_CT_CHECK=ON -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-clang -j "$jobs"
 run_tests build-clang
+
+# Every fuzz target for a few seconds on its corpus: each seed, and each input that once found a
+# fault, runs again under ASan and UBSan.
+scripts/fuzz.sh 10
