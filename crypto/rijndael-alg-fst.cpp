@@ -7,12 +7,13 @@
 // data in the binary with no start-up initialisation and no literal tables to
 // mistype.
 //
-// Two paths for the AES-128 operations: on x86-64 processors with the AES
-// instructions (cpu_features.h) they run on those, with the key schedule
-// expanded once per call and kept in vector registers; everywhere else they
-// run on the tables, rebuilding the schedule for every block.  Each public
-// AES-128 function makes the choice on entry.  Both paths wipe their round
-// keys and temporary blocks before returning.
+// Two paths for the AES-128 operations: on processors with AES instructions
+// (AES-NI on x86-64, the Cryptography Extensions on AArch64; see
+// cpu_features.h) they run on those, with the key schedule expanded once per
+// call and kept in vector registers; everywhere else they run on the tables,
+// rebuilding the schedule for every block.  Each public AES-128 function
+// makes the choice on entry.  Both paths wipe their round keys and temporary
+// blocks before returning.
 
 #include "rijndael-alg-fst.h"
 
@@ -22,8 +23,10 @@
 
 #include "cpu_features.h"
 
-#if defined(__x86_64__)
+#if defined(CRYPTO_HW_X86_64)
 #include <immintrin.h>
+#elif defined(CRYPTO_HW_AARCH64)
+#include <arm_neon.h>
 #endif
 
 namespace {
@@ -519,20 +522,42 @@ NOINLINE void wipe_dead_stack()
 }
 
 // ---------------------------------------------------------------------------
-// AES-128 on the AES instructions (x86-64 only).  Compiled for that
-// instruction set function by function, so the rest of the binary keeps the
-// baseline and runs anywhere; called only after crypto_aes_accelerated().
-// Blocks are loaded straight from memory: the instructions use the byte
-// order of the standard, so no word conversion is needed.
+// AES-128 on the processor's AES instructions: AES-NI on x86-64, the
+// Cryptography Extensions (AESE/AESD/AESMC/AESIMC) on AArch64.  Each
+// architecture provides the same small set of primitives on a 16-byte vector
+// type Block: load, store, XOR, the encryption schedule, InvMixColumns of a
+// round key, block encryption and decryption, the CBC encryption chain, the
+// counter block and the clearing of the vector registers.  The operations
+// (hw_*) are written once on top of them, so both architectures wipe the
+// same things at the same points.  Everything is compiled for the
+// instruction set function by function (HW_AES_FN), so the rest of the
+// binary keeps the baseline and runs anywhere; called only after
+// crypto_aes_accelerated().  Blocks are loaded straight from memory: both
+// instruction sets use the byte order of the standard, so no word
+// conversion is needed.
 
-#if defined(__x86_64__)
+#if defined(CRYPTO_HW_X86_64)
 
-#define AES_NI_FN __attribute__((target("aes")))
+#define HW_AES_FN __attribute__((target("aes")))
+
+using Block = __m128i;
+
+HW_AES_FN inline Block hw_load(const uint8_t *p)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+}
+
+HW_AES_FN inline void hw_store(uint8_t *p, Block x)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(p), x);
+}
+
+HW_AES_FN inline Block hw_xor(Block a, Block b) { return _mm_xor_si128(a, b); }
 
 // One step of the 128-bit expansion: word 3 of assist is
 // SubWord(RotWord(last word)) XOR rcon; the shifts form the prefix XOR of
 // the previous round key's words.
-AES_NI_FN inline __m128i ni_expand_step(__m128i k, __m128i assist)
+HW_AES_FN inline Block x86_expand_step(Block k, Block assist)
 {
     assist = _mm_shuffle_epi32(assist, 0xff);
     k = _mm_xor_si128(k, _mm_slli_si128(k, 4));
@@ -543,11 +568,11 @@ AES_NI_FN inline __m128i ni_expand_step(__m128i k, __m128i assist)
 // Encryption schedule: 11 round keys (the same bytes as the 44 words of
 // rijndaelKeySetupEnc128).  The round constant must be an immediate, hence
 // the written-out steps.
-AES_NI_FN inline void ni_key_enc(__m128i rk[11], const uint8_t key[16])
+HW_AES_FN inline void hw_key_enc(Block rk[11], const uint8_t key[16])
 {
-    rk[0] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(key));
+    rk[0] = hw_load(key);
 #define AES_NI_STEP(i, rcon) \
-    rk[i] = ni_expand_step(rk[i - 1], _mm_aeskeygenassist_si128(rk[i - 1], rcon))
+    rk[i] = x86_expand_step(rk[i - 1], _mm_aeskeygenassist_si128(rk[i - 1], rcon))
     AES_NI_STEP(1, 0x01);
     AES_NI_STEP(2, 0x02);
     AES_NI_STEP(3, 0x04);
@@ -561,55 +586,54 @@ AES_NI_FN inline void ni_key_enc(__m128i rk[11], const uint8_t key[16])
 #undef AES_NI_STEP
 }
 
-// Commits the schedule to rk: the compiler must store it there and read it
-// back afterwards, so no value lives across this point in a register (or in
-// a stack slot of the compiler's choosing, which no wipe would reach).
-inline void ni_commit(__m128i rk[11]) { __asm__ __volatile__("" : : "r"(rk) : "memory"); }
+HW_AES_FN inline Block hw_inv_mix_columns(Block k) { return _mm_aesimc_si128(k); }
 
-// Turns an encryption schedule into the decryption schedule in place:
-// reversed, InvMixColumns on the inner round keys (as rijndaelKeySetupDec).
-// In place and from memory, so only one schedule is ever live.
-AES_NI_FN inline void ni_key_dec(__m128i rk[11])
-{
-    ni_commit(rk);
-    for (int i = 0; i < 5; i++) {
-        __m128i t = rk[i];
-        rk[i] = rk[10 - i];
-        rk[10 - i] = t;
-    }
-    for (int i = 1; i < 10; i++) rk[i] = _mm_aesimc_si128(rk[i]);
-    ni_commit(rk);
-}
-
-AES_NI_FN inline __m128i ni_encrypt(const __m128i rk[11], __m128i x)
+HW_AES_FN inline Block hw_encrypt(const Block rk[11], Block x)
 {
     x = _mm_xor_si128(x, rk[0]);
     for (int i = 1; i < 10; i++) x = _mm_aesenc_si128(x, rk[i]);
     return _mm_aesenclast_si128(x, rk[10]);
 }
 
-AES_NI_FN inline __m128i ni_decrypt(const __m128i dk[11], __m128i x)
+HW_AES_FN inline Block hw_decrypt(const Block dk[11], Block x)
 {
     x = _mm_xor_si128(x, dk[0]);
     for (int i = 1; i < 10; i++) x = _mm_aesdec_si128(x, dk[i]);
     return _mm_aesdeclast_si128(x, dk[10]);
 }
 
-AES_NI_FN inline __m128i ni_load(const uint8_t *p)
+// CBC encryption of the blocks at offsets 0, 16, ... below len (a partial
+// last block is processed whole).  One block waits for the previous, so the
+// loop is a single chain of ten AES rounds plus one XOR per block, with the
+// round keys in registers.  To keep it at one XOR, the loop carries the
+// ciphertext XOR round key 0: AESENCLAST ends by XORing its key, so round
+// key 0 is folded into the last one and taken out again off the chain,
+// for the store.  Returns the last ciphertext block (chain if len is 0).
+HW_AES_FN inline Block hw_cbc_enc(const Block rk[11], Block chain, const uint8_t *in,
+                                  uint8_t *out, size_t len)
 {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    const Block last = _mm_xor_si128(rk[10], rk[0]);
+    Block x = _mm_xor_si128(chain, rk[0]);
+    for (size_t off = 0; off < len; off += 16) {
+        x = _mm_xor_si128(x, hw_load(in + off));
+        for (int i = 1; i < 10; i++) x = _mm_aesenc_si128(x, rk[i]);
+        x = _mm_aesenclast_si128(x, last);
+        hw_store(out + off, _mm_xor_si128(x, rk[0]));
+    }
+    return _mm_xor_si128(x, rk[0]);
 }
 
-AES_NI_FN inline void ni_store(uint8_t *p, __m128i x)
+// The counter as a block: the high half's bytes first, each half big-endian.
+HW_AES_FN inline Block hw_counter_block(uint64_t hi, uint64_t lo)
 {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(p), x);
+    return _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
 }
 
 // Clears the vector registers, which held round keys and blocks; every
 // instruction-path operation ends with it after wiping its arrays.  No
 // library function is called before it: the first call of one may go
 // through the dynamic linker, which saves the vector registers on the stack.
-inline void ni_clear_registers()
+inline void hw_clear_registers()
 {
     __asm__ __volatile__("pxor %%xmm0, %%xmm0\n\tpxor %%xmm1, %%xmm1\n\tpxor %%xmm2, %%xmm2\n\t"
                          "pxor %%xmm3, %%xmm3\n\tpxor %%xmm4, %%xmm4\n\tpxor %%xmm5, %%xmm5\n\t"
@@ -623,120 +647,238 @@ inline void ni_clear_registers()
                            "xmm9", "xmm10", "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
 }
 
-// CBC encryption of the blocks at offsets 0, 16, ... below len (a partial
-// last block is processed whole).  One block waits for the previous, so the
-// loop is a single chain of ten AES rounds plus one XOR per block, with the
-// round keys in registers.  To keep it at one XOR, the loop carries the
-// ciphertext XOR round key 0: AESENCLAST ends by XORing its key, so round
-// key 0 is folded into the last one and taken out again off the chain,
-// for the store.  Returns the last ciphertext block (chain if len is 0).
-AES_NI_FN inline __m128i ni_cbc_enc(const __m128i rk[11], __m128i chain, const uint8_t *in,
-                                    uint8_t *out, size_t len)
+#elif defined(CRYPTO_HW_AARCH64)
+
+// GCC's arm_neon.h offers the AES intrinsics to functions compiled with
+// +crypto (which also enables SHA2; only AES instructions are used here).
+#if defined(__clang__)
+#define HW_AES_FN __attribute__((target("aes")))
+#else
+#define HW_AES_FN __attribute__((target("+crypto")))
+#endif
+
+using Block = uint8x16_t;
+
+HW_AES_FN inline Block hw_load(const uint8_t *p) { return vld1q_u8(p); }
+
+HW_AES_FN inline void hw_store(uint8_t *p, Block x) { vst1q_u8(p, x); }
+
+HW_AES_FN inline Block hw_xor(Block a, Block b) { return veorq_u8(a, b); }
+
+// One step of the 128-bit expansion.  There is no key-assist instruction:
+// AESE with a zero key is SubBytes(ShiftRows(x)), and ShiftRows leaves a
+// block of four equal words as it is, so AESE of the last word in all four
+// lanes gives SubWord of it in each.  RotWord moves byte 0 of the word to
+// the top, a right rotation by 8 bits of the little-endian lane, and
+// commutes with SubWord; rcon goes into byte 0.  The byte shifts by 4 and 8
+// form the prefix XOR of the previous round key's words.
+HW_AES_FN inline Block arm_expand_step(Block k, uint32_t rcon)
 {
-    const __m128i last = _mm_xor_si128(rk[10], rk[0]);
-    __m128i x = _mm_xor_si128(chain, rk[0]);
-    for (size_t off = 0; off < len; off += 16) {
-        x = _mm_xor_si128(x, ni_load(in + off));
-        for (int i = 1; i < 10; i++) x = _mm_aesenc_si128(x, rk[i]);
-        x = _mm_aesenclast_si128(x, last);
-        ni_store(out + off, _mm_xor_si128(x, rk[0]));
-    }
-    return _mm_xor_si128(x, rk[0]);
+    const Block zero = vdupq_n_u8(0);
+    const uint32x4_t last = vdupq_laneq_u32(vreinterpretq_u32_u8(k), 3);
+    const uint32x4_t sub = vreinterpretq_u32_u8(vaeseq_u8(vreinterpretq_u8_u32(last), zero));
+    const uint32x4_t f =
+        veorq_u32(vorrq_u32(vshrq_n_u32(sub, 8), vshlq_n_u32(sub, 24)), vdupq_n_u32(rcon));
+    k = veorq_u8(k, vextq_u8(zero, k, 12));
+    k = veorq_u8(k, vextq_u8(zero, k, 8));
+    return veorq_u8(k, vreinterpretq_u8_u32(f));
 }
 
-// CBC decryption, same block rule; each ciphertext block is loaded before
-// its output is stored, so in == out works.
-AES_NI_FN inline void ni_cbc_dec(const __m128i dk[11], __m128i chain, const uint8_t *in,
+// Encryption schedule: 11 round keys (the same bytes as the 44 words of
+// rijndaelKeySetupEnc128).
+HW_AES_FN inline void hw_key_enc(Block rk[11], const uint8_t key[16])
+{
+    static constexpr uint8_t kRcon[10] = {0x01, 0x02, 0x04, 0x08, 0x10,
+                                          0x20, 0x40, 0x80, 0x1b, 0x36};
+    rk[0] = hw_load(key);
+    for (int i = 1; i < 11; i++) rk[i] = arm_expand_step(rk[i - 1], kRcon[i - 1]);
+}
+
+HW_AES_FN inline Block hw_inv_mix_columns(Block k) { return vaesimcq_u8(k); }
+
+// AESE XORs its key first (then ShiftRows, SubBytes), so the round keys are
+// consumed one round earlier than by the x86 instructions and the last one
+// is a plain XOR.  AESD likewise for the equivalent inverse cipher.
+HW_AES_FN inline Block hw_encrypt(const Block rk[11], Block x)
+{
+    for (int i = 0; i < 9; i++) x = vaesmcq_u8(vaeseq_u8(x, rk[i]));
+    return veorq_u8(vaeseq_u8(x, rk[9]), rk[10]);
+}
+
+HW_AES_FN inline Block hw_decrypt(const Block dk[11], Block x)
+{
+    for (int i = 0; i < 9; i++) x = vaesimcq_u8(vaesdq_u8(x, dk[i]));
+    return veorq_u8(vaesdq_u8(x, dk[9]), dk[10]);
+}
+
+// CBC encryption, same block rule and result as on x86-64.  The chain per
+// block is the ten AESE (nine with AESMC) and one XOR: the loop carries the
+// ciphertext XOR round key 0, the plaintext block enters as the key of the
+// first AESE, and round key 0 is folded into the last XOR and taken out
+// again off the chain, for the store.
+HW_AES_FN inline Block hw_cbc_enc(const Block rk[11], Block chain, const uint8_t *in,
+                                  uint8_t *out, size_t len)
+{
+    const Block last = veorq_u8(rk[10], rk[0]);
+    Block x = veorq_u8(chain, rk[0]);
+    for (size_t off = 0; off < len; off += 16) {
+        x = vaesmcq_u8(vaeseq_u8(x, hw_load(in + off)));
+        for (int i = 1; i < 9; i++) x = vaesmcq_u8(vaeseq_u8(x, rk[i]));
+        x = veorq_u8(vaeseq_u8(x, rk[9]), last);
+        hw_store(out + off, veorq_u8(x, rk[0]));
+    }
+    return veorq_u8(x, rk[0]);
+}
+
+// The counter as a block: the high half's bytes first, each half big-endian
+// (lane 0 holds bytes 0..7 on this little-endian target).
+HW_AES_FN inline Block hw_counter_block(uint64_t hi, uint64_t lo)
+{
+    return vreinterpretq_u8_u64(
+        vcombine_u64(vcreate_u64(__builtin_bswap64(hi)), vcreate_u64(__builtin_bswap64(lo))));
+}
+
+// Clears all 32 vector registers, as on x86-64 (the lazy binding of the
+// dynamic linker saves them on the stack too).  v8..v15 are listed although
+// the procedure call standard has the caller's low halves survive: the
+// compiler then saves and restores those halves around this function, and
+// their high halves, which nothing restores, are cleared.
+inline void hw_clear_registers()
+{
+    __asm__ __volatile__(
+        "movi v0.16b, #0\n\tmovi v1.16b, #0\n\tmovi v2.16b, #0\n\tmovi v3.16b, #0\n\t"
+        "movi v4.16b, #0\n\tmovi v5.16b, #0\n\tmovi v6.16b, #0\n\tmovi v7.16b, #0\n\t"
+        "movi v8.16b, #0\n\tmovi v9.16b, #0\n\tmovi v10.16b, #0\n\tmovi v11.16b, #0\n\t"
+        "movi v12.16b, #0\n\tmovi v13.16b, #0\n\tmovi v14.16b, #0\n\tmovi v15.16b, #0\n\t"
+        "movi v16.16b, #0\n\tmovi v17.16b, #0\n\tmovi v18.16b, #0\n\tmovi v19.16b, #0\n\t"
+        "movi v20.16b, #0\n\tmovi v21.16b, #0\n\tmovi v22.16b, #0\n\tmovi v23.16b, #0\n\t"
+        "movi v24.16b, #0\n\tmovi v25.16b, #0\n\tmovi v26.16b, #0\n\tmovi v27.16b, #0\n\t"
+        "movi v28.16b, #0\n\tmovi v29.16b, #0\n\tmovi v30.16b, #0\n\tmovi v31.16b, #0"
+        :
+        :
+        : "v0", "v1", "v2", "v3", "v4", "v5", "v6", "v7", "v8", "v9", "v10", "v11", "v12", "v13",
+          "v14", "v15", "v16", "v17", "v18", "v19", "v20", "v21", "v22", "v23", "v24", "v25",
+          "v26", "v27", "v28", "v29", "v30", "v31");
+}
+
+#endif
+
+#if defined(HW_AES_FN)
+#define AES_HW_PATH 1  // the public functions below dispatch to hw_*
+
+// Commits the schedule to rk: the compiler must store it there and read it
+// back afterwards, so no value lives across this point in a register (or in
+// a stack slot of the compiler's choosing, which no wipe would reach).
+inline void hw_commit(Block rk[11]) { __asm__ __volatile__("" : : "r"(rk) : "memory"); }
+
+// Turns an encryption schedule into the decryption schedule in place:
+// reversed, InvMixColumns on the inner round keys (as rijndaelKeySetupDec).
+// In place and from memory, so only one schedule is ever live.
+HW_AES_FN inline void hw_key_dec(Block rk[11])
+{
+    hw_commit(rk);
+    for (int i = 0; i < 5; i++) {
+        Block t = rk[i];
+        rk[i] = rk[10 - i];
+        rk[10 - i] = t;
+    }
+    for (int i = 1; i < 10; i++) rk[i] = hw_inv_mix_columns(rk[i]);
+    hw_commit(rk);
+}
+
+// CBC decryption, same block rule as hw_cbc_enc; each ciphertext block is
+// loaded before its output is stored, so in == out works.
+HW_AES_FN inline void hw_cbc_dec(const Block dk[11], Block chain, const uint8_t *in,
                                  uint8_t *out, size_t len)
 {
     for (size_t off = 0; off < len; off += 16) {
-        __m128i c = ni_load(in + off);
-        ni_store(out + off, _mm_xor_si128(ni_decrypt(dk, c), chain));
+        Block c = hw_load(in + off);
+        hw_store(out + off, hw_xor(hw_decrypt(dk, c), chain));
         chain = c;
     }
 }
 
 // Fragment of the predefined-key data encryption: out = in XOR the
 // encryption of prev, tail (< 16) bytes.
-AES_NI_FN inline void ni_mask_fragment(const __m128i rk[11], __m128i prev, const uint8_t *in,
+HW_AES_FN inline void hw_mask_fragment(const Block rk[11], Block prev, const uint8_t *in,
                                        uint8_t *out, uint32_t tail)
 {
     uint8_t keystream[16];
-    ni_store(keystream, ni_encrypt(rk, prev));
+    hw_store(keystream, hw_encrypt(rk, prev));
     for (uint32_t i = 0; i < tail; i++) out[i] = uint8_t(in[i] ^ keystream[i]);
     wipe(keystream, sizeof keystream);
 }
 
-AES_NI_FN NOINLINE void ni_aes128_enc(const uint8_t key[16], const uint8_t in[16],
+HW_AES_FN NOINLINE void hw_aes128_enc(const uint8_t key[16], const uint8_t in[16],
                                       uint8_t out[16])
 {
-    __m128i rk[11];
-    ni_key_enc(rk, key);
-    ni_store(out, ni_encrypt(rk, ni_load(in)));
+    Block rk[11];
+    hw_key_enc(rk, key);
+    hw_store(out, hw_encrypt(rk, hw_load(in)));
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_dec(const uint8_t key[16], const uint8_t in[16],
+HW_AES_FN NOINLINE void hw_aes128_dec(const uint8_t key[16], const uint8_t in[16],
                                       uint8_t out[16])
 {
-    __m128i rk[11];
-    ni_key_enc(rk, key);
-    ni_key_dec(rk);
-    ni_store(out, ni_decrypt(rk, ni_load(in)));
+    Block rk[11];
+    hw_key_enc(rk, key);
+    hw_key_dec(rk);
+    hw_store(out, hw_decrypt(rk, hw_load(in)));
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_cbc_enc(const uint8_t key[16], const uint8_t iv[16],
+HW_AES_FN NOINLINE void hw_aes128_cbc_enc(const uint8_t key[16], const uint8_t iv[16],
                                           const uint8_t *in, uint8_t *out, size_t len)
 {
-    __m128i rk[11];
-    ni_key_enc(rk, key);
-    ni_cbc_enc(rk, ni_load(iv), in, out, len);
+    Block rk[11];
+    hw_key_enc(rk, key);
+    hw_cbc_enc(rk, hw_load(iv), in, out, len);
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
-AES_NI_FN NOINLINE void ni_aes128_cbc_dec(const uint8_t key[16], const uint8_t iv[16],
+HW_AES_FN NOINLINE void hw_aes128_cbc_dec(const uint8_t key[16], const uint8_t iv[16],
                                           const uint8_t *in, uint8_t *out, size_t len)
 {
-    __m128i rk[11];
-    ni_key_enc(rk, key);
-    ni_key_dec(rk);
-    ni_cbc_dec(rk, ni_load(iv), in, out, len);
+    Block rk[11];
+    hw_key_enc(rk, key);
+    hw_key_dec(rk);
+    hw_cbc_dec(rk, hw_load(iv), in, out, len);
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
 // uiEncData after its argument checks: CBC, then the fragment keyed on the
 // last ciphertext block (the IV below 16 bytes), as the table path.
-AES_NI_FN NOINLINE void ni_enc_data(const uint8_t *in, uint8_t *out, uint32_t len)
+HW_AES_FN NOINLINE void hw_enc_data(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     const uint32_t full = len & ~15u, tail = len & 15u;
-    __m128i rk[11];
-    ni_key_enc(rk, _lcuc_pre_def_key);
-    __m128i last = ni_cbc_enc(rk, ni_load(_lcuc_pre_def_iv), in, out, full);
-    if (tail != 0) ni_mask_fragment(rk, last, in + full, out + full, tail);
+    Block rk[11];
+    hw_key_enc(rk, _lcuc_pre_def_key);
+    Block last = hw_cbc_enc(rk, hw_load(_lcuc_pre_def_iv), in, out, full);
+    if (tail != 0) hw_mask_fragment(rk, last, in + full, out + full, tail);
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
 // uiDecData after its argument checks: the fragment first, while the
 // ciphertext block it is keyed on is intact, then CBC.
-AES_NI_FN NOINLINE void ni_dec_data(const uint8_t *in, uint8_t *out, uint32_t len)
+HW_AES_FN NOINLINE void hw_dec_data(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     const uint32_t full = len & ~15u, tail = len & 15u;
-    __m128i rk[11];
-    ni_key_enc(rk, _lcuc_pre_def_key);
+    Block rk[11];
+    hw_key_enc(rk, _lcuc_pre_def_key);
     if (tail != 0) {
-        __m128i prev = ni_load(len < 16 ? _lcuc_pre_def_iv : in + full - 16);
-        ni_mask_fragment(rk, prev, in + full, out + full, tail);
+        Block prev = hw_load(len < 16 ? _lcuc_pre_def_iv : in + full - 16);
+        hw_mask_fragment(rk, prev, in + full, out + full, tail);
     }
-    ni_key_dec(rk);
-    ni_cbc_dec(rk, ni_load(_lcuc_pre_def_iv), in, out, full);
+    hw_key_dec(rk);
+    hw_cbc_dec(rk, hw_load(_lcuc_pre_def_iv), in, out, full);
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
 }
 
 inline uint64_t load_be64(const uint8_t *p)
@@ -744,45 +886,39 @@ inline uint64_t load_be64(const uint8_t *p)
     return uint64_t(load_be32(p)) << 32 | load_be32(p + 4);
 }
 
-// The counter as a block: the high half's bytes first, each half big-endian.
-AES_NI_FN inline __m128i ni_counter_block(uint64_t hi, uint64_t lo)
-{
-    return _mm_set_epi64x(int64_t(__builtin_bswap64(lo)), int64_t(__builtin_bswap64(hi)));
-}
-
 // vAES128CTR after its argument checks.  The counter is held as two 64-bit
 // halves: the carry out of the low half goes into the high one, and all
 // ones wraps to zero.
-AES_NI_FN NOINLINE void ni_aes128_ctr(const uint8_t key[16], const uint8_t ctr[16],
+HW_AES_FN NOINLINE void hw_aes128_ctr(const uint8_t key[16], const uint8_t ctr[16],
                                       const uint8_t *in, uint8_t *out, uint32_t len)
 {
     const uint32_t full = len & ~15u, tail = len & 15u;
-    __m128i rk[11];
-    ni_key_enc(rk, key);
+    Block rk[11];
+    hw_key_enc(rk, key);
     uint64_t hi = load_be64(ctr), lo = load_be64(ctr + 8);
     for (uint32_t off = 0; off < full; off += 16) {
-        __m128i keystream = ni_encrypt(rk, ni_counter_block(hi, lo));
-        ni_store(out + off, _mm_xor_si128(ni_load(in + off), keystream));
+        Block keystream = hw_encrypt(rk, hw_counter_block(hi, lo));
+        hw_store(out + off, hw_xor(hw_load(in + off), keystream));
         if (++lo == 0) ++hi;
     }
     // Reads a whole input block, writes only the tail (after the registers
     // are cleared, as the copy may be a library call).
     uint8_t keystream[16];
     if (tail != 0) {
-        __m128i last = ni_encrypt(rk, ni_counter_block(hi, lo));
-        ni_store(keystream, _mm_xor_si128(ni_load(in + full), last));
+        Block last = hw_encrypt(rk, hw_counter_block(hi, lo));
+        hw_store(keystream, hw_xor(hw_load(in + full), last));
     }
     wipe(rk, sizeof rk);
-    ni_clear_registers();
+    hw_clear_registers();
     if (tail != 0) {
         memcpy(out + full, keystream, tail);
         wipe(keystream, sizeof keystream);
     }
 }
 
-#undef AES_NI_FN
+#undef HW_AES_FN
 
-#endif  // __x86_64__
+#endif  // instruction paths
 
 }  // namespace
 
@@ -861,9 +997,9 @@ void rijndaelDecrypt(const uint32_t rk[], int Nr, const uint8_t ct[16], uint8_t 
 
 void vAES128Enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
 {
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_aes128_enc(key, in, out);
+        hw_aes128_enc(key, in, out);
         wipe_dead_stack();
         return;
     }
@@ -874,9 +1010,9 @@ void vAES128Enc(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
 
 void vAES128Dec(const uint8_t key[16], const uint8_t in[16], uint8_t out[16])
 {
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_aes128_dec(key, in, out);
+        hw_aes128_dec(key, in, out);
         wipe_dead_stack();
         return;
     }
@@ -889,9 +1025,9 @@ void vAES128CBCEnc(const uint8_t key[16], const uint8_t iv[16], const uint8_t *i
                    int32_t len)
 {
     if (len <= 0) return;
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_aes128_cbc_enc(key, iv, in, out, size_t(len));
+        hw_aes128_cbc_enc(key, iv, in, out, size_t(len));
         wipe_dead_stack();
         return;
     }
@@ -904,9 +1040,9 @@ void vAES128CBCDec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *i
                    int32_t len)
 {
     if (len <= 0) return;
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_aes128_cbc_dec(key, iv, in, out, size_t(len));
+        hw_aes128_cbc_dec(key, iv, in, out, size_t(len));
         wipe_dead_stack();
         return;
     }
@@ -918,9 +1054,9 @@ void vAES128CBCDec(const uint8_t key[16], const uint8_t iv[16], const uint8_t *i
 uint32_t uiEncData(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_enc_data(in, out, len);
+        hw_enc_data(in, out, len);
         wipe_dead_stack();
         return 0;
     }
@@ -933,9 +1069,9 @@ uint32_t uiEncData(const uint8_t *in, uint8_t *out, uint32_t len)
 uint32_t uiDecData(const uint8_t *in, uint8_t *out, uint32_t len)
 {
     if (out == nullptr || in == nullptr || len == 0) return 0xFFFFFFFFu;
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_dec_data(in, out, len);
+        hw_dec_data(in, out, len);
         wipe_dead_stack();
         return 0;
     }
@@ -950,9 +1086,9 @@ void vAES128CTR(const uint8_t key[16], const uint8_t ctr[16], const uint8_t *in,
 {
     // A negative length is outside the contract; it is treated like 0.
     if (len <= 0 || key == nullptr || in == nullptr || ctr == nullptr || out == nullptr) return;
-#if defined(__x86_64__)
+#if defined(AES_HW_PATH)
     if (crypto_aes_accelerated()) {
-        ni_aes128_ctr(key, ctr, in, out, uint32_t(len));
+        hw_aes128_ctr(key, ctr, in, out, uint32_t(len));
         wipe_dead_stack();
         return;
     }

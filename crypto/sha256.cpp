@@ -4,10 +4,11 @@
 // buffer is empty, so hashing a large image is one pass without copying; only
 // head and tail fragments go through ctx->buffer.
 //
-// Two compression paths: the SHA extensions of x86-64 processors that have
-// them (cpu_features.h), which take all the whole blocks of a call at once,
-// and the unrolled portable code everywhere else.  The choice is made per
-// call in sha256_compress_blocks; the state is the same either way.
+// Two compression paths: the SHA instructions of processors that have them
+// (the SHA extensions on x86-64, the Cryptography Extensions' SHA2 on
+// AArch64; see cpu_features.h), which take all the whole blocks of a call at
+// once, and the unrolled portable code everywhere else.  The choice is made
+// per call in sha256_compress_blocks; the state is the same either way.
 
 #include "sha256.h"
 
@@ -16,8 +17,10 @@
 
 #include "cpu_features.h"
 
-#if defined(__x86_64__)
+#if defined(CRYPTO_HW_X86_64)
 #include <immintrin.h>
+#elif defined(CRYPTO_HW_AARCH64)
+#include <arm_neon.h>
 #endif
 
 namespace {
@@ -127,14 +130,15 @@ int sha256_compress(sha256_ctx *ctx, const uint8_t *block)
     return 0;
 }
 
-#if defined(__x86_64__)
+#if defined(CRYPTO_HW_X86_64)
+#define SHA256_HW_PATH 1
 
 // The compression function on the SHA extensions for n consecutive blocks.
 // SHA256RNDS2 does two rounds on the working variables held as two vectors,
 // (A, B, E, F) and (C, D, G, H) from the top word down; SHA256MSG1/MSG2
 // extend the message schedule four words at a time.  Compiled for those
 // instructions (and the SSSE3/SSE4.1 shuffles) function by function.
-__attribute__((target("sha,sse4.1,ssse3"))) void sha256_compress_ni(uint32_t state[8],
+__attribute__((target("sha,sse4.1,ssse3"))) void sha256_compress_hw(uint32_t state[8],
                                                                     const uint8_t *blocks, size_t n)
 {
     // Byte order within each 32-bit word reversed: message words are big-endian.
@@ -199,16 +203,82 @@ __attribute__((target("sha,sse4.1,ssse3"))) void sha256_compress_ni(uint32_t sta
     _mm_storeu_si128(reinterpret_cast<__m128i *>(state + 4), efgh);
 }
 
-#endif  // __x86_64__
+#elif defined(CRYPTO_HW_AARCH64)
+#define SHA256_HW_PATH 1
+
+// GCC's arm_neon.h offers the SHA-256 intrinsics to functions compiled with
+// +crypto (which also enables AES; only SHA2 instructions are used here).
+#if defined(__clang__)
+#define SHA256_ARM_FN __attribute__((target("sha2")))
+#else
+#define SHA256_ARM_FN __attribute__((target("+crypto")))
+#endif
+
+// The compression function on the SHA2 instructions of the Cryptography
+// Extensions for n consecutive blocks.  SHA256H and SHA256H2 do four rounds
+// on the working variables held as (A, B, C, D) and (E, F, G, H), lane 0
+// first, which is the order of state[], so no shuffling is needed: SHA256H
+// gives the new (A, B, C, D), SHA256H2 the new (E, F, G, H) from the old
+// (A, B, C, D).  SHA256SU0/SU1 extend the message schedule four words at a
+// time.  Compiled for those instructions function by function.
+SHA256_ARM_FN void sha256_compress_hw(uint32_t state[8], const uint8_t *blocks, size_t n)
+{
+    uint32x4_t abcd = vld1q_u32(state), efgh = vld1q_u32(state + 4);
+
+    for (; n > 0; n--, blocks += 64) {
+        const uint32x4_t abcd_in = abcd, efgh_in = efgh;
+        // Byte order within each 32-bit word reversed: message words are big-endian.
+        uint32x4_t m0 = vreinterpretq_u32_u8(vrev32q_u8(vld1q_u8(blocks)));
+        uint32x4_t m1 = vreinterpretq_u32_u8(vrev32q_u8(vld1q_u8(blocks + 16)));
+        uint32x4_t m2 = vreinterpretq_u32_u8(vrev32q_u8(vld1q_u8(blocks + 32)));
+        uint32x4_t m3 = vreinterpretq_u32_u8(vrev32q_u8(vld1q_u8(blocks + 48)));
+        uint32x4_t wk, abcd_prev;
+
+        // Rounds i..i+3 with schedule words m.
+#define SHA_ARM_4ROUNDS(m, i)                          \
+    wk = vaddq_u32(m, vld1q_u32(kK + (i)));            \
+    abcd_prev = abcd;                                  \
+    abcd = vsha256hq_u32(abcd, efgh, wk);              \
+    efgh = vsha256h2q_u32(efgh, abcd_prev, wk)
+        // W[t..t+3] from the previous sixteen words held in m0 (oldest) .. m3.
+#define SHA_ARM_EXTEND(m0, m1, m2, m3) m0 = vsha256su1q_u32(vsha256su0q_u32(m0, m1), m2, m3)
+
+        SHA_ARM_4ROUNDS(m0, 0);
+        SHA_ARM_4ROUNDS(m1, 4);
+        SHA_ARM_4ROUNDS(m2, 8);
+        SHA_ARM_4ROUNDS(m3, 12);
+        for (int i = 16; i < 64; i += 16) {
+            SHA_ARM_EXTEND(m0, m1, m2, m3);
+            SHA_ARM_4ROUNDS(m0, i);
+            SHA_ARM_EXTEND(m1, m2, m3, m0);
+            SHA_ARM_4ROUNDS(m1, i + 4);
+            SHA_ARM_EXTEND(m2, m3, m0, m1);
+            SHA_ARM_4ROUNDS(m2, i + 8);
+            SHA_ARM_EXTEND(m3, m0, m1, m2);
+            SHA_ARM_4ROUNDS(m3, i + 12);
+        }
+#undef SHA_ARM_EXTEND
+#undef SHA_ARM_4ROUNDS
+        abcd = vaddq_u32(abcd, abcd_in);
+        efgh = vaddq_u32(efgh, efgh_in);
+    }
+
+    vst1q_u32(state, abcd);
+    vst1q_u32(state + 4, efgh);
+}
+
+#undef SHA256_ARM_FN
+
+#endif
 
 // Compresses n consecutive 64-byte blocks into ctx->state, all in one call
 // on the instruction path, one sha256_compress each otherwise.  Returns the
 // first non-zero result of a compression step (there is none today), else 0.
 int sha256_compress_blocks(sha256_ctx *ctx, const uint8_t *blocks, size_t n)
 {
-#if defined(__x86_64__)
+#if defined(SHA256_HW_PATH)
     if (crypto_sha256_accelerated()) {
-        sha256_compress_ni(ctx->state, blocks, n);
+        sha256_compress_hw(ctx->state, blocks, n);
         return 0;
     }
 #endif
