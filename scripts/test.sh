@@ -5,7 +5,8 @@
 # UndefinedBehaviorSanitizer (any
 # sanitizer report fails the run), then a third time built with clang++,
 # benchmarks and the constant-time check under memcheck included, so that the
-# code is warning-free with both compilers; last, a short run of every fuzz target.
+# code is warning-free with both compilers; then the AArch64 cross build under qemu-aarch64;
+# last, a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -44,6 +45,9 @@ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
   -DZIRN_BUILD_BENCHMARKS=ON -DZIRN_CT_CHECK=ON -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-clang -j "$jobs"
 run_tests build-clang
+
+# The AArch64 build: its crypto extensions' paths and the portable ones, the signer and zirnimg.
+scripts/test-aarch64.sh
 
 # Every fuzz target for a few seconds on its corpus: each seed, and each input that once found a
 # fault, runs again under ASan and UBSan.
