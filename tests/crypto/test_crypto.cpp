@@ -125,6 +125,11 @@ TEST(Aes, Sp80038aExamplesSeparateAndInPlace)
         EXPECT_EQ(apply(dec, key, iv_copy, ct, ct.size()), std::pair(guarded(pt, 80), guarded(pt, 80)));
         EXPECT_EQ(iv_copy, iv) << "IV or counter written";
     }
+    Bytes out(16, 0xa5);  // CTR with any argument missing does nothing
+    const uint8_t *k = key.data();
+    for (auto [kk, c, i, o] : {std::tuple{(const uint8_t *)nullptr, k, k, out.data()}, {k, nullptr, k, out.data()}, {k, k, nullptr, out.data()}, {k, k, k, nullptr}})
+        vAES128CTR(kk, c, i, o, 16);
+    EXPECT_EQ(out, Bytes(16, 0xa5));
 }
 
 // CBC and CTR at every short length and random longer ones (a partial CBC block is processed

@@ -255,6 +255,7 @@ TEST(MpiDeathTest, PreconditionsAbortWithTheConditionText)
         {"mp_read_unsigned_bin: Assertion `mp != .* && str != .* && len > 0'", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
         {"mp_to_unsigned_bin: Assertion `mp != .* && str != ", [&] { mp_to_unsigned_bin(&a, nullptr); }},
         {"mp_cmp: Assertion `a != .* && b != ", [&] { mp_cmp(&a, nullptr); }},
+        {"mp_add: Assertion `a != .* && b != .* && c != ", [&] { mp_add(&a, nullptr, &a); }},
         {"mp_sub: Assertion `a != .* && b != .* && c != ", [&] { mp_sub(nullptr, &a, &a); }},
         {"mp_div: Assertion `a != .* && b != ", [&] { mp_div(&a, nullptr, &a, &a); }},
         {"mp_mod: Assertion `a != .* && m != .* && c != ", [&] { mp_mod(&a, &a, nullptr); }},
