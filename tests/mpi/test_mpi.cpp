@@ -185,7 +185,8 @@ TEST(Mpi, RepresentationAndKernels)
     ASSERT_EQ(mp_init_size(&small, 2) + mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2) + s_mp_grow(&a, 65), MP_OK);
     EXPECT_EQ(std::tuple(big->digits, small.alloc, hex(&small), hex(&big), z->used, a->alloc), std::tuple(big_digits, 7u, hex(&a), hex(&a), 3u, 128u));
     mp_clear(&small);
-    mp_clear(&small);  // harmless twice
+    mp_clear(&small);  // harmless twice, and on null
+    mp_clear(nullptr), mp_set(nullptr, 1);
     EXPECT_EQ(std::tuple(small.digits, small.used, small.alloc), std::tuple(nullptr, 0u, 0u));
 }
 

@@ -97,7 +97,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{}, 2, "no command given"}, {{"sign", prot}, 2, "unknown command"}, {{"info"}, 2, "usage: zirnimg info IMAGE"},
         {{"info", prot, "--bogus"}, 2, "unknown option --bogus"}, {{"verify", prot, "--key-hash"}, 2, "needs a value"},
         {{"verify", prot, "--key-hash", "12"}, 2, "64 hex digits"}, {{"verify", prot, "--key-hash", kh, "--cfg", k.cfg}, 2, "not both"},
-        {{"decrypt", prot, "-o", out}, 2, "required"}, {{"prepare", k.nod, d + "/plain", out, "0x"}, 2, "external memory size"},
+        {{"decrypt", prot, "-o", out}, 2, "zirnimg decrypt: --cfg and -o are required"}, {{"prepare", k.nod, d + "/plain", out, "0x"}, 2, "external memory size"},
         {{"--help"}, 0, ""}, {{"verify", "--help"}, 0, ""}, {{"--version"}, 0, ""},
         {{"info", prot}, 0, ""}, {{"verify", prot}, 0, "the key was not pinned"}, {{"verify", u}, 1, "does not verify"},
         {{"verify", image("flip", 600, {0x55}), "--key-hash", kh}, 1, "does not verify"},
