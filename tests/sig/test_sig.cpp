@@ -1,6 +1,7 @@
 // The signature scheme: PSS encoding, MGF1 and decoding against OpenSSL and the published
 // Wycheproof RSA-PSS vectors (2048 bits, SHA-256, MGF1-SHA-256, salt 32); the verification route
-// (word-array exponentiation, then decoding) against them and against OpenSSL's BIGNUM; the RSA private-key operation against OpenSSL, with its checks and messages.
+// (word-array exponentiation, then decoding) against them and against OpenSSL's BIGNUM; the RSA
+// private-key operation against OpenSSL, with its checks and messages.
 #include <gtest/gtest.h>
 
 #include <bit>
