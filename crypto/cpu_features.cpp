@@ -1,7 +1,7 @@
 // Run-time choice between the instruction paths and the portable code.
 // See cpu_features.h.
 
-#include "cpu_features.h"
+#include "cpu_features_internal.h"
 
 #include <atomic>
 

@@ -19,18 +19,6 @@
 // Nothing here prints or allocates.
 #pragma once
 
-// The architectures this build has instruction paths for (used by the crypto
-// sources; the queries below exist everywhere).  AArch64 needs Linux for the
-// detection, little-endian lanes for the vector code, and, with clang, version
-// 16 or later, whose arm_neon.h offers the AES and SHA-256 intrinsics to single
-// functions compiled for them (older ones build the portable code there).
-#if defined(__x86_64__)
-#define CRYPTO_HW_X86_64 1
-#elif defined(__aarch64__) && defined(__linux__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ && \
-    (!defined(__clang__) || __clang_major__ >= 16)
-#define CRYPTO_HW_AARCH64 1
-#endif
-
 // on != 0: from now on use the portable code even where the instructions
 // exist; on == 0: use the instructions again where the processor has them.
 // Meant to be called before any other thread uses the crypto module.

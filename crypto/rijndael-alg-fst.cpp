@@ -21,7 +21,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "cpu_features.h"
+#include "cpu_features_internal.h"
 
 #if defined(CRYPTO_HW_X86_64)
 #include <immintrin.h>
