@@ -11,21 +11,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# The compiler, qemu, and the arm64 GoogleTest, OpenSSL and C++ runtime beside the host's.
-pkgs=(cmake ninja-build nlohmann-json3-dev g++-aarch64-linux-gnu qemu-user
-      libgtest-dev:arm64 libssl-dev:arm64 libstdc++6:arm64)
-missing=()
-for p in "${pkgs[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  sudo_cmd=()
-  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
-  dpkg --print-foreign-architectures | grep -qx arm64 || "${sudo_cmd[@]}" dpkg --add-architecture arm64
-  "${sudo_cmd[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq "${missing[@]}"
-fi
+# The cross compiler, and the arm64 GoogleTest, OpenSSL and C++ runtime beside the host's.
+scripts/install-deps.sh g++-aarch64-linux-gnu libgtest-dev:arm64 libssl-dev:arm64 libstdc++6:arm64
 
 # The programs run on the arm64 multiarch runtime; a prefix would pair the cross compiler's
 # dynamic loader with that C library, a different glibc build, and fork() would hang
