@@ -1,5 +1,8 @@
 #include "ZirnImgProt.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -172,49 +175,68 @@ constexpr uint32_t FILE_PIECE = 1024 * 1024;
 
 }  // namespace
 
-int32_t iHashZIRNImgFileV10(FILE *fp, const ImgProtHdr *hdr, uint8_t hash[HASH_BYTES], FILE *copy)
+namespace {
+
+// A whole piece, or a short count: the file ended early or failed.
+bool lbReadAll(int fd, uint8_t *buf, uint32_t len)
+{
+    for (uint32_t got = 0; got < len;) {
+        const ssize_t n = read(fd, buf + got, len - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        got += uint32_t(n);
+    }
+    return true;
+}
+
+bool lbWriteAll(int fd, const uint8_t *buf, uint32_t len)
+{
+    for (uint32_t done = 0; done < len;) {
+        const ssize_t n = write(fd, buf + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += uint32_t(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+int32_t iReadZIRNImgBodyV10(int fd, const ImgProtHdr *hdr, uint8_t hash[HASH_BYTES], int out, const uint8_t *key,
+                            const uint8_t *iv)
 {
     ImgProtHdr unsigned_hdr = *hdr;
     memset(unsigned_hdr.auth_sig, 0, sizeof unsigned_hdr.auth_sig);
     sha256_ctx ctx;
     sha256_init(&ctx);
     sha256_process(&ctx, reinterpret_cast<const uint8_t *>(&unsigned_hdr), ZIRN_HDR_SIZE);
+    // Each piece is decrypted with the last ciphertext block of the one before as its IV; the plain
+    // image passes through one buffer, wiped however the loop ends.
     std::vector<uint8_t> piece(FILE_PIECE);
-    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0;) {
-        const uint32_t len = left < FILE_PIECE ? left : FILE_PIECE;
-        if (fread(piece.data(), 1, len, fp) != len) return -1;
-        if (copy != nullptr && fwrite(piece.data(), 1, len, copy) != len) return -2;
-        sha256_process(&ctx, piece.data(), len);
-        left -= len;
-    }
-    sha256_done(&ctx, hash);
-    return 0;
-}
-
-int32_t iDecryptZIRNImgFileV10(FILE *in, FILE *out, const ImgProtHdr *hdr, const uint8_t key[16], const uint8_t iv[16])
-{
-    // Each piece is decrypted with the last ciphertext block of the one before as its IV; the
-    // plain image passes through one buffer, wiped however the loop ends.
-    std::vector<uint8_t> piece(FILE_PIECE);
-    uint8_t chain[16];
-    memcpy(chain, iv, sizeof chain);
+    uint8_t chain[16] = {};
+    if (key != nullptr) memcpy(chain, iv, sizeof chain);
     uint32_t plain_left = ui4GetLE32(hdr->plain_size);
     int32_t rc = 0;
-    for (uint32_t left = ui4GetLE32(hdr->enc_size); left > 0 && rc == 0;) {
-        const uint32_t len = left < FILE_PIECE ? left : FILE_PIECE, keep = plain_left < len ? plain_left : len;
-        if (fread(piece.data(), 1, len, in) != len) {
+    for (uint32_t left = ui4GetLE32(hdr->enc_size), len; left > 0 && rc == 0; left -= len) {
+        len = left < FILE_PIECE ? left : FILE_PIECE;
+        const uint32_t keep = key == nullptr || plain_left > len ? len : plain_left;
+        if (!lbReadAll(fd, piece.data(), len)) {
             rc = -1;
             break;
         }
-        uint8_t next[16];
-        memcpy(next, piece.data() + len - 16, sizeof next);
-        vAES128CBCDec(key, chain, piece.data(), piece.data(), int32_t(len));
-        memcpy(chain, next, sizeof chain);
-        if (fwrite(piece.data(), 1, keep, out) != keep) rc = -2;
-        left -= len;
-        plain_left -= keep;
+        sha256_process(&ctx, piece.data(), len);
+        if (out < 0) continue;
+        if (key != nullptr) {
+            uint8_t next[16];
+            memcpy(next, piece.data() + len - 16, sizeof next);
+            vAES128CBCDec(key, chain, piece.data(), piece.data(), int32_t(len));
+            memcpy(chain, next, sizeof chain);
+            plain_left -= keep;
+        }
+        if (!lbWriteAll(out, piece.data(), keep)) rc = -2;
     }
     vWipeBuf(piece.data(), piece.size());
+    sha256_done(&ctx, hash);
     return rc;
 }
 

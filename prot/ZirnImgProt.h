@@ -114,16 +114,14 @@ uint32_t uiCheckZIRNImgHdrV10(const ImgProtHdr *hdr, uint64_t file_size);
 // The key fingerprint: SHA-256 of the 256-byte modulus as the header carries it.
 void vZIRNKeyHashV10(const uint8_t n[256], uint8_t hash[32]);
 
-// The hash a signature covers, of an image read from fp: SHA-256 of hdr with its signature field
-// zeroed, then hdr's enc_size bytes read from fp (positioned at the first ciphertext byte) in
-// pieces; each piece is also written to copy when it is not null.  Returns 0; -1 fp failed or
-// ended early; -2 writing to copy failed.
-int32_t iHashZIRNImgFileV10(FILE *fp, const ImgProtHdr *hdr, uint8_t hash[32], FILE *copy);
-
-// Decrypts hdr's enc_size bytes read from in (positioned at the first ciphertext byte) with
-// AES-128-CBC under key and iv, in pieces, and writes exactly hdr's plain_size bytes to out.
-// Returns 0; -1 in failed or ended early; -2 writing failed.
-int32_t iDecryptZIRNImgFileV10(FILE *in, FILE *out, const ImgProtHdr *hdr, const uint8_t key[16], const uint8_t iv[16]);
+// Reads the body of an image once: hdr's enc_size bytes of ciphertext from fd (positioned at the
+// first ciphertext byte), in pieces.  The hash a signature covers goes to hash: SHA-256 of hdr with
+// its signature field zeroed, then the ciphertext.  When out is not negative, each piece is also
+// written to out: as read when key is null, or else decrypted with AES-128-CBC under key and iv,
+// exactly hdr's plain_size bytes in all.  Every byte is read once, so what is written is exactly
+// what was hashed.  Returns 0; -1 reading failed or the file ended early; -2 writing failed.
+int32_t iReadZIRNImgBodyV10(int fd, const ImgProtHdr *hdr, uint8_t hash[32], int out, const uint8_t *key,
+                            const uint8_t *iv);
 
 // Pads (img must hold ui4PaddedSz(plain_size) bytes), encrypts in place,
 // completes param->hdr, signs it, re-verifies the signature through the

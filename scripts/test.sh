@@ -24,14 +24,16 @@ run_tests build
 # error and no leak (the signer's image buffer, left to the process exit, stays reachable).
 memcheck="valgrind -q --error-exitcode=99 --leak-check=full --show-leak-kinds=definite,indirect,possible"
 memcheck+=" --errors-for-leak-kinds=definite,indirect,possible"
-runs=Signer.ProtectsImagesOfEverySize:Zirnimg.RoundTripsWithTheSignerAndOpenSsl
 pids=()
 for cpu in qemu64 Westmere; do
-  ZIRN_TEST_RUNNER="qemu-x86_64 -cpu $cpu" build/tests/tool_test --gtest_brief=1 --gtest_filter=$runs &
+  (export ZIRN_TEST_RUNNER="qemu-x86_64 -cpu $cpu"
+   build/tests/tool_test --gtest_brief=1 --gtest_filter=Signer.ProtectsImagesOfEverySize &&
+   build/tests/zirnimg_test --gtest_brief=1 --gtest_filter=Zirnimg.RoundTripsWithTheSignerAndOpenSsl) &
   pids+=($!)
 done
 ZIRN_TEST_RUNNER=$memcheck build/tests/tool_test --gtest_brief=1 \
-  --gtest_filter=Signer.ProtectsImagesOfEverySize:Signer.FailuresPrintTheirCascadeAndWriteNothing:Zirnimg.ExitStatusesAndHostileInput
+  --gtest_filter=Signer.ProtectsImagesOfEverySize:Signer.FailuresPrintTheirCascadeAndWriteNothing
+ZIRN_TEST_RUNNER=$memcheck build/tests/zirnimg_test --gtest_brief=1 --gtest_filter=Zirnimg.ExitStatusesAndHostileInput
 for pid in "${pids[@]}"; do wait "$pid"; done  # each run's own status, so a failure stops the script
 
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON -DZIRN_SANITIZE=ON \
