@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite three times: an optimised build (with the
-# executables' tests also run as older processors under qemu-x86_64 and under
-# valgrind's memcheck, and its Debian package checked), then the same suite under
-# AddressSanitizer + UndefinedBehaviorSanitizer (any sanitizer report fails the run), then a third time built with clang++,
-# benchmarks and the constant-time check under memcheck included, so that the
-# code is warning-free with both compilers; then the AArch64 cross build under qemu-aarch64;
-# last, a short run of every fuzz target.
+# Builds and runs the whole test suite three times: an optimised build (with the executables'
+# tests also run as older processors under qemu-x86_64 and under valgrind's memcheck, and its
+# Debian package checked), then the same suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer (any sanitizer report fails the run), then a third time built with
+# clang++, benchmarks and the constant-time check under memcheck included, so that the code is
+# warning-free with both compilers; then the AArch64 cross build under qemu-aarch64; last, a
+# short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
