@@ -57,10 +57,12 @@ renders() {
     grep -qx "$section" <<<"$text" || { echo "no $section in $page"; return 1; }
   done
 }
-# Every command zirnimg lists has its own entry in the COMMANDS section.
+# Every command zirnimg lists has its own entry in the COMMANDS section; the exit statuses follow.
 documents_commands() {
-  local text cmd commands
-  text=$(MANWIDTH=200 man -l "$man1/zirnimg.1.gz" | sed -n '/^COMMANDS$/,/^[A-Z]/p')
+  local page text cmd commands
+  page=$(MANWIDTH=200 man -l "$man1/zirnimg.1.gz")
+  grep -qx "EXIT STATUS" <<<"$page" || { echo "no EXIT STATUS"; return 1; }
+  text=$(sed -n '/^COMMANDS$/,/^[A-Z]/p' <<<"$page")
   commands=$("$bin/zirnimg" --help | sed -n '/^commands:/,/^$/s/^  \([a-z][a-z0-9-]*\).*/\1/p')
   [ -n "$commands" ] || { echo "zirnimg --help lists no commands"; return 1; }
   for cmd in $commands; do
