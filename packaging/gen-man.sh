@@ -18,8 +18,8 @@ name=$(basename "${program[-1]}")
 run() { "${program[@]}" "$@"; }
 
 # Help text to roff: blank lines start paragraphs, indented lines stay as they are (tables,
-# lists), other lines are filled.  Backslashes, hyphens and control characters at the start of a
-# line are escaped so that every option renders as typed.
+# lists), other lines are filled.  Backslashes, hyphens and a leading "." or "'" (a request to roff)
+# are escaped, so that every option renders as typed.
 to_roff() {
   awk '
     function esc(s) { gsub(/\\/, "\\e", s); gsub(/-/, "\\-", s); if (s ~ /^[.\047]/) s = "\\&" s; return s }
