@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite three times: an optimised build (with the
-# executables' tests also run as older processors under qemu-x86_64 and under
-# valgrind's memcheck), then the same suite under AddressSanitizer +
-# UndefinedBehaviorSanitizer (any
-# sanitizer report fails the run), then a third time built with clang++,
-# benchmarks and the constant-time check under memcheck included, so that the
-# code is warning-free with both compilers; then the AArch64 cross build under qemu-aarch64;
-# last, a short run of every fuzz target.
+# Builds and runs the whole test suite three times: an optimised build (with the executables'
+# tests also run as older processors under qemu-x86_64 and under valgrind's memcheck, and its
+# Debian package checked), then the same suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer (any sanitizer report fails the run), then a third time built with
+# clang++, benchmarks and the constant-time check under memcheck included, so that the code is
+# warning-free with both compilers; then the AArch64 cross build under qemu-aarch64; last, a
+# short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -18,6 +17,8 @@ run_tests() { ctest --test-dir "$1" --output-on-failure --no-tests=error -j "$jo
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DZIRN_WERROR=ON -DCMAKE_CXX_COMPILER=g++
 cmake --build build -j "$jobs"
 run_tests build
+# The .deb made from that build, unpacked into a scratch root and checked there.
+scripts/test-package.sh build
 # The executables' tests again: as processors without the AES and SHA instructions and with the
 # AES instructions only, where the detection, not only the pin, must pick the path and no
 # instruction the processor lacks may run; and under valgrind's memcheck, which must report no
