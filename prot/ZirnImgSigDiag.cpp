@@ -72,7 +72,8 @@ bool bZIRNSigBelowModulusV10(const uint8_t n[EM_BYTES], const uint8_t sig[EM_BYT
     return memcmp(sig, n, EM_BYTES) < 0;
 }
 
-ZirnSigDiag stDiagnoseZIRNImgSigV10(const uint8_t n[EM_BYTES], const uint8_t sig[EM_BYTES], const uint8_t digest[HASH_BYTES])
+ZirnSigDiag stDiagnoseZIRNImgSigV10(const uint8_t n[EM_BYTES], const uint8_t sig[EM_BYTES],
+                                    const uint8_t digest[HASH_BYTES])
 {
     if (!bZIRNSigBelowModulusV10(n, sig)) return {ZIRN_SIG_NOT_BELOW_MODULUS, -1, nullptr};
     uint8_t em[EM_BYTES], db[DB_BYTES];
@@ -123,7 +124,7 @@ std::string sZIRNSigDiagTextV10(const ZirnSigDiag &d)
         return "the signature verifies: PSS with SHA-256, MGF1 over SHA-256 and a salt of 32 bytes";
     case ZIRN_SIG_NOT_BELOW_MODULUS:
         return "the signature is not smaller than the modulus (a valid one with the modulus added, for "
-               "example) and is refused as it stands";
+               "example); a signature must be below it";
     case ZIRN_SIG_PKCS1_V15:
         return "the signature is PKCS#1 v1.5; images need PSS with SHA-256, MGF1 over SHA-256 and a salt "
                "of 32 bytes";
@@ -131,10 +132,12 @@ std::string sZIRNSigDiagTextV10(const ZirnSigDiag &d)
     case ZIRN_SIG_WRONG_KEY:
         return "the signature has no structure under this key: it was made with another key, or it is "
                "not an RSA signature";
-    case ZIRN_SIG_MGF1_HASH: text = "the signature is PSS with MGF1 over " + mgf + "; images need MGF1 over SHA-256"; break;
+    case ZIRN_SIG_MGF1_HASH:
+        text = "the signature is PSS with MGF1 over " + mgf + "; images need MGF1 over SHA-256";
+        break;
     case ZIRN_SIG_DIGEST_HASHED_TWICE:
         text = "the signature covers the SHA-256 of the image's digest, not the digest: the signer hashed "
-               "it again (sign the 32 bytes with a mechanism that takes them as they are)";
+               "it again (sign the 32-byte digest with a mechanism that does not hash its input)";
         break;
     case ZIRN_SIG_CONTENT_CHANGED:
         text = "the signature was made with this key over other content: the header or the ciphertext "
