@@ -1,4 +1,5 @@
 #include "ZirnImgProt.h"
+#include "ZirnImgProt_internal.h"
 
 #include <unistd.h>
 
@@ -103,14 +104,19 @@ int32_t iSealZIRNImgV10(ImgProtParam *param, uint8_t *img, uint32_t plain_size, 
     return 0;
 }
 
-int32_t iVerifyZIRNImgSigV10(const ImgProtHdr *hdr, const uint8_t hash[HASH_BYTES])
+void vZIRNRecoverBlockV10(const uint8_t n[RSA_BYTES], const uint8_t sig[RSA_BYTES], uint8_t em[RSA_BYTES])
 {
     uint32_t s_le[RSA_WORDS], n_le[RSA_WORDS], r_le[RSA_WORDS];
-    uint8_t em2[RSA_BYTES];
-    vBigEndianToWords(hdr->auth_sig, s_le);
-    vBigEndianToWords(hdr->auth_n, n_le);
+    vBigEndianToWords(sig, s_le);
+    vBigEndianToWords(n, n_le);
     RSADecryption65537(s_le, n_le, r_le);
-    vWordsToBigEndian(r_le, em2);
+    vWordsToBigEndian(r_le, em);
+}
+
+int32_t iVerifyZIRNImgSigV10(const ImgProtHdr *hdr, const uint8_t hash[HASH_BYTES])
+{
+    uint8_t em2[RSA_BYTES];
+    vZIRNRecoverBlockV10(hdr->auth_n, hdr->auth_sig, em2);
 
     int32_t verdict = VERIFY_UNSET;
     if (pkcs_1_pss_decode_sha256(hash, HASH_BYTES, em2, RSA_BYTES, SALT_BYTES, RSA_BITS, &verdict) != 0) {

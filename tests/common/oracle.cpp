@@ -23,12 +23,22 @@ Bytes bytes_of(const BIGNUM *b, size_t len)
     return out;
 }
 
-RsaKey load_key(const char *path)
+const char *const kKeyPaths[] = {ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem",
+                                  ZIRN_VECTORS_DIR "/second_key.pem"};
+
+EVP_PKEY *read_pkey(const char *path)
 {
     FILE *f = fopen(path, "r");
     check(f != nullptr, path);
     EVP_PKEY *pkey = PEM_read_PrivateKey(f, nullptr, nullptr, nullptr);
     fclose(f);
+    check(pkey != nullptr, path);
+    return pkey;
+}
+
+RsaKey load_key(const char *path)
+{
+    EVP_PKEY *pkey = read_pkey(path);
     RsaKey k;
     for (auto [name, out, len] : {std::tuple{OSSL_PKEY_PARAM_RSA_N, &k.n, 256}, {OSSL_PKEY_PARAM_RSA_E, &k.e, 0},
                                   {OSSL_PKEY_PARAM_RSA_D, &k.d, 256}}) {
@@ -45,9 +55,25 @@ RsaKey load_key(const char *path)
 
 const RsaKey &test_key(int i)
 {
-    static const RsaKey keys[] = {load_key(ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem"),
-                                  load_key(ZIRN_VECTORS_DIR "/second_key.pem")};
+    static const RsaKey keys[] = {load_key(kKeyPaths[0]), load_key(kKeyPaths[1])};
     return keys[i];
+}
+
+Bytes sign_digest(int key, const Bytes &digest, int salt_len, const char *mgf1)
+{
+    static EVP_PKEY *const pkeys[] = {read_pkey(kKeyPaths[0]), read_pkey(kKeyPaths[1])};
+    EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(pkeys[key], nullptr);
+    Bytes sig(256);
+    size_t len = sig.size();
+    const bool pss = salt_len >= 0;
+    check(ctx != nullptr && EVP_PKEY_sign_init(ctx) == 1 && EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha256()) == 1 &&
+              EVP_PKEY_CTX_set_rsa_padding(ctx, pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) == 1 &&
+              (!pss || (EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt_len) == 1 &&
+                        EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, EVP_get_digestbyname(mgf1)) == 1)) &&
+              EVP_PKEY_sign(ctx, sig.data(), &len, digest.data(), digest.size()) == 1 && len == sig.size(),
+          "EVP_PKEY_sign");
+    EVP_PKEY_CTX_free(ctx);
+    return sig;
 }
 
 Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len)

@@ -16,6 +16,9 @@ struct RsaKey {
     Bytes n, e, d;
 };
 const RsaKey &test_key(int i);
+// Signature with key i over a SHA-256 digest: PSS with salt_len and MGF1 over mgf1 (an OpenSSL
+// digest name), or PKCS#1 v1.5 when salt_len < 0.
+Bytes sign_digest(int key, const Bytes &digest, int salt_len, const char *mgf1 = "SHA256");
 
 // base ^ exp mod n, big-endian, left-padded to len bytes (0: minimal length).
 Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len = 256);

@@ -8,6 +8,7 @@
 #include "cpu_features.h"
 #include "oracle.h"
 #include "rijndael-alg-fst.h"
+#include "sha1.h"
 #include "sha256.h"
 
 using zt::Bytes;
@@ -248,4 +249,18 @@ TEST(Sha256, ResultCodesLeaveTheContextAlone)
     std::copy(msg.begin(), msg.begin() + 64, ctx.buffer);
     ctx.fill = 64;
     EXPECT_EQ(in_pieces(zt::slice(msg, 64, 6), {}, ctx), zt::sha256(msg));
+}
+
+TEST(Sha1, PublishedVectorsOfOneTwoAndThreeBlocks)
+{
+    const std::string two = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+    const std::string three = "abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqr"
+                              "lmnopqrsmnopqrstnopqrstu";
+    for (auto [msg, want] : {std::pair{std::string("abc"), "a9993e364706816aba3e25717850c26c9cd0d89d"},
+                             {two, "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+                             {three, "a49b2446a02c645bf419f995b67091253a04a259"}}) {
+        Bytes d(20);
+        sha1(reinterpret_cast<const uint8_t *>(msg.data()), msg.size(), d.data());
+        EXPECT_EQ(zt::to_hex(d), want) << msg;
+    }
 }

@@ -1,0 +1,81 @@
+// Why a signature does not verify: signatures OpenSSL made with one parameter wrong each, named
+// against the image's key and digest; "valid" exactly when the signer's route accepts.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "ZirnImgProt.h"
+#include "ZirnImgSigDiag.h"
+#include "oracle.h"
+
+using zt::Bytes;
+
+namespace {
+
+// The image key is key 1: its modulus leaves room above it for s + n within 256 bytes.
+constexpr int kKey = 1, kOtherKey = 0;
+
+// s + n in 256 bytes, or empty when it does not fit.
+Bytes plus_n(const Bytes &s, const Bytes &n)
+{
+    zt::Bn sum(BN_new());
+    BN_add(sum.get(), zt::bn(s).get(), zt::bn(n).get());
+    Bytes out(256);
+    return BN_bn2binpad(sum.get(), out.data(), 256) == 256 ? out : Bytes{};
+}
+
+}  // namespace
+
+TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
+{
+    std::mt19937_64 rng(20261201);
+    const Bytes &n = zt::test_key(kKey).n, digest = zt::random_bytes(rng, 32);
+    const Bytes other = zt::random_bytes(rng, 32), twice = zt::sha256(digest);
+    auto pss = [&](int salt, const char *mgf1 = "SHA256", const Bytes &m = {}, int key = kKey) {
+        return zt::sign_digest(key, m.empty() ? digest : m, salt, mgf1);
+    };
+    Bytes valid = pss(32), random = zt::random_bytes(rng, 256), n_minus_1 = n;
+    while (plus_n(valid, n).empty()) valid = pss(32);  // PSS salts are fresh: some sums fit
+    random[0] = 0x01;
+    n_minus_1[255]--;  // n is odd
+    struct Row {
+        const char *what;
+        Bytes sig, checked;
+        std::string kind;
+        int32_t salt;
+        std::string mgf1, says;
+    };
+    const Row rows[] = {
+        {"valid", valid, digest, "valid", 32, "SHA-256", "verifies"},
+        {"PKCS#1 v1.5", pss(-1), digest, "pkcs1_v1_5", -1, "", "PKCS#1 v1.5"},
+        {"salt 0", pss(0), digest, "pss_salt_length", 0, "SHA-256", "salt of 0 bytes"},
+        {"salt 20", pss(20), digest, "pss_salt_length", 20, "SHA-256", "salt of 20 bytes"},
+        {"salt 64", pss(64), digest, "pss_salt_length", 64, "SHA-256", "salt of 64 bytes"},
+        {"MGF1-SHA1", pss(32, "SHA1"), digest, "mgf1_hash", 32, "SHA-1", "MGF1 over SHA-1;"},
+        {"MGF1-SHA1 salt 20", pss(20, "SHA1"), digest, "mgf1_hash", 20, "SHA-1", "salt is 20 bytes"},
+        {"hashed twice", pss(32, "SHA256", twice), digest, "digest_hashed_twice", 32, "SHA-256", "again"},
+        {"content changed", valid, other, "content_changed", 32, "SHA-256", "changed after signing"},
+        {"another key", pss(32, "SHA256", {}, kOtherKey), digest, "wrong_key", -1, "", "another key"},
+        {"random below n", random, digest, "wrong_key", -1, "", "another key"},
+        {"n - 1", n_minus_1, digest, "wrong_key", -1, "", "another key"},
+        {"s = n", n, digest, "signature_not_below_modulus", -1, "", "modulus"},
+        {"s + n", plus_n(valid, n), digest, "signature_not_below_modulus", -1, "", "modulus"},
+    };
+    for (const auto &r : rows) {
+        ZirnSigDiag d{};
+        const uint8_t *sig = r.sig.data(), *m = r.checked.data();
+        EXPECT_EQ(zt::capture_stdout([&] { d = stDiagnoseZIRNImgSigV10(n.data(), sig, m); }), "") << r.what;
+        const std::string mgf1 = d.mgf1_hash ? d.mgf1_hash : "", text = sZIRNSigDiagTextV10(d);
+        const auto got = std::tuple(pcZIRNSigDiagNameV10(d.kind), d.salt_len, mgf1);
+        EXPECT_EQ(got, std::tuple(r.kind, r.salt, r.mgf1)) << r.what;
+        EXPECT_NE(text.find(r.says), std::string::npos) << r.what << ": " << text;
+        if (!bZIRNSigBelowModulusV10(n.data(), sig)) continue;
+        ImgProtHdr hdr{};
+        memcpy(hdr.auth_n, n.data(), 256);
+        memcpy(hdr.auth_sig, sig, 256);
+        const auto route = zt::printed([&] { return iVerifyZIRNImgSigV10(&hdr, m); });
+        EXPECT_EQ(route.first == 0, r.kind == "valid") << r.what;
+    }
+    // s + n gives back the block of s: only the refusal before the arithmetic tells them apart.
+    EXPECT_EQ(zt::modexp(plus_n(valid, n), {1, 0, 1}, n), zt::modexp(valid, {1, 0, 1}, n));
+}
