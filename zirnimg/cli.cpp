@@ -12,13 +12,7 @@
 #include "commands.h"
 #include "config.h"
 #include "report.h"
-
-#ifndef ZIRN_VERSION
-#define ZIRN_VERSION "unknown"
-#endif
-#ifndef ZIRN_REVISION
-#define ZIRN_REVISION "unknown"
-#endif
+#include "zirn_revision.h"
 
 namespace zi {
 

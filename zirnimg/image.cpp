@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "config.h"
+#include "ZirnImgSigDiag.h"
 #include "report.h"
 
 namespace zi {
@@ -87,14 +88,18 @@ int iOpenImage(const char *path, Image *img, bool strict)
 
 int iCheckSignature(const char *path, const ImgProtHdr &hdr, const uint8_t hash[32])
 {
-    // Big-endian strings of one length compare as the numbers they hold.  s and s + n reduce to
-    // the same value: only s < n is the signature, anything else is refused before the arithmetic.
-    if (memcmp(hdr.auth_sig, hdr.auth_n, sizeof hdr.auth_n) >= 0)
-        return iFail(EXIT_BAD_SIGNATURE, "%s: the signature does not verify: it is not smaller than the modulus", path);
-    const int32_t rc = iVerifyZIRNImgSigV10(&hdr, hash);
+    // s and s + n reduce to the same value: only s < n is the signature, anything else is refused
+    // before the arithmetic.
+    const bool below = bZIRNSigBelowModulusV10(hdr.auth_n, hdr.auth_sig);
+    const int32_t rc = below ? iVerifyZIRNImgSigV10(&hdr, hash) : -1;
     vWipeLibraryOutput();
-    if (rc != 0) return iFail(EXIT_BAD_SIGNATURE, "%s: the signature does not verify", path);
-    return EXIT_OK;
+    if (rc == 0) return EXIT_OK;
+    // The route's own lines speak of its internals; the recovered block says what was signed.
+    const ZirnSigDiag d = stDiagnoseZIRNImgSigV10(hdr.auth_n, hdr.auth_sig, hash);
+    vErrorField("diagnosis", "{\"kind\": " + sJsonStr(pcZIRNSigDiagNameV10(d.kind)) + ", \"salt_length\": " +
+                                 (d.salt_len < 0 ? "null" : std::to_string(d.salt_len)) + ", \"mgf1_hash\": " +
+                                 (d.mgf1_hash == nullptr ? "null" : sJsonStr(d.mgf1_hash)) + "}");
+    return iFail(EXIT_BAD_SIGNATURE, "%s: the signature does not verify: %s", path, sZIRNSigDiagTextV10(d).c_str());
 }
 
 bool bParseSize(const char *text, uint32_t *size)
