@@ -2,7 +2,13 @@
 // external signer, and every exit status on wrong usage and hostile input, as rows of one table.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <iostream>
 #include <set>
 
 #include "oracle.h"
@@ -140,4 +146,165 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         EXPECT_TRUE(status == 0 || (doc["error"]["exit_code"] == status && doc["error"]["message"].is_string())) << rj.out;
         EXPECT_EQ(rj.out.find('\n'), rj.out.size() - 1) << rj.out;
     }
+}
+
+namespace {
+
+// Runs zirnimg with extra environment variables.
+zt::Run z_env(const std::vector<std::pair<std::string, std::string>> &env, const std::vector<std::string> &args)
+{
+    for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+    const zt::Run r = z(args);
+    for (const auto &[k, v] : env) unsetenv(k.c_str());
+    return r;
+}
+
+std::string names_in(const std::string &dir)
+{
+    std::string r;
+    for (const auto &e : std::filesystem::directory_iterator(dir)) r += e.path().filename().string() + " ";
+    return r;
+}
+
+// Starts zirnimg, sends sig as soon as its temporary output exists, and gives the exit status
+// (-1 when it ended by the signal itself, -2 when the output was never seen).
+int interrupted_status(const std::vector<std::string> &args, const std::string &dir, int sig)
+{
+    std::vector<std::string> words{ZIRNIMG_EXE};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (auto &w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    bool seen = false;
+    int st = 0;
+    for (int i = 0; i < 20000 && !seen && waitpid(pid, &st, WNOHANG) == 0; i++) {
+        seen = names_in(dir).find(".zirnimg.") != std::string::npos;
+        if (seen) kill(pid, sig);
+        else usleep(100);
+    }
+    if (seen) waitpid(pid, &st, 0);
+    return !seen ? -2 : WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+bool holds(const std::string &text, const Bytes &secret)
+{
+    std::string lower = text;
+    for (auto &ch : lower) ch = char(tolower(ch));
+    return lower.find(zt::to_hex(secret).substr(0, 16)) != std::string::npos;
+}
+
+}  // namespace
+
+// The findings of a hostile review, one row each: a co-user who rewrites the image during a
+// decrypt, malleable signatures, plaintext others can read or that an interrupted run leaves,
+// keys on standard error when /tmp is not writable, inputs that hang, 4 GiB inputs signed cut
+// short, configurations that swap a key without a word, and a verify that trusts any key.
+TEST(Zirnimg, HostileConditions)
+{
+    const Keys k;
+    const std::string d = k.dir, prot = d + "/prot", kh = zt::to_hex(zt::sha256(zt::test_key(0).n));
+    std::mt19937_64 rng(3);
+    const Bytes plain = zt::random_bytes(rng, (3 << 20) + 5);
+    zt::write_file(d + "/plain", plain);
+    ASSERT_EQ(zt::run(ZIRN_TOOL_EXE, {k.cfg, d + "/plain", prot, "0x01000000"}).status, 0);
+    const std::string cfg_text = zt::cfg_text({1, 2}, Bytes(16, 0xA7), Bytes(16, 0x5C), Bytes(32, 3), zt::test_key(0));
+    const auto cfg_with = [&](const std::string &name, const std::string &text) { return zt::write_file(d + "/" + name, text), d + "/" + name; };
+    mkfifo((d + "/fifo").c_str(), 0600);
+    const auto within_10s = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"-s", "KILL", "10", ZIRNIMG_EXE});
+        return zt::run("/usr/bin/timeout", args);
+    };
+    const std::vector<std::pair<const char *, std::function<std::string()>>> rows = {
+        {"decrypt writes only what it verified", [&] {
+             const std::string asan = std::string(getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "") + ":verify_asan_link_order=0";
+             zt::write_file(d + "/victim", zt::read_file(prot));
+             const zt::Run r = z_env({{"LD_PRELOAD", ZIRN_TAMPER_LIB}, {"ZIRN_TAMPER_PATH", d + "/victim"}, {"ZIRN_TAMPER_OFFSET", "700"},
+                                      {"ASAN_OPTIONS", asan}}, {"decrypt", d + "/victim", "--cfg", k.nod, "-o", d + "/p1"});
+             const bool tampered = zt::read_file(d + "/victim") != zt::read_file(prot);
+             return !tampered ? "the file was not changed" : r.status == 0 && zt::read_file(d + "/p1") != plain ? "changed plaintext written" : "";
+         }},
+        {"a signature s + n is refused", [&] {
+             const Bytes n = zt::test_key(0).n, digest = zt::from_hex(z({"prepare", k.nod, d + "/plain", d + "/u", "0x01000000"}).out.substr(0, 64));
+             Bytes big;
+             for (int i = 0; i < 200 && big.size() != 256; i++) {
+                 const Bytes s = zt::sign_digest(0, digest, 32);
+                 BIGNUM *sum = BN_new();
+                 BN_add(sum, zt::bn(s).get(), zt::bn(n).get());
+                 big.assign(256, 0);
+                 if (BN_num_bytes(sum) > 256) big.clear();
+                 else BN_bn2binpad(sum, big.data(), 256);
+                 BN_free(sum);
+             }
+             zt::write_file(d + "/big.sig", big);
+             const zt::Run r = z({"stitch", d + "/u", d + "/big.sig", "-o", d + "/s1"});
+             return r.status == 1 && r.err.find("not smaller than the modulus") != std::string::npos ? "" : "stitch gave " + std::to_string(r.status);
+         }},
+        {"decrypted plaintext is owner-only", [&] {
+             const mode_t old = umask(022);
+             const int rc = z({"decrypt", prot, "--cfg", k.nod, "-o", d + "/p2"}).status;
+             umask(old);
+             struct stat st {};
+             stat((d + "/p2").c_str(), &st);
+             return rc == 0 && (st.st_mode & 0777) == 0600 ? "" : "mode " + std::to_string(st.st_mode & 0777);
+         }},
+        {"an interrupted run leaves nothing and exits 128 + signal", [&] {
+             const std::string sub = d + "/int";
+             std::filesystem::create_directory(sub);
+             std::string r;
+             for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+                 const int st = interrupted_status({"decrypt", prot, "--cfg", k.nod, "-o", sub + "/p"}, sub, sig);
+                 if (st != 128 + sig || !names_in(sub).empty()) r += "signal " + std::to_string(sig) + ": " + std::to_string(st) + " " + names_in(sub);
+             }
+             return r;
+         }},
+        {"no key reaches any stream, /tmp read-only", [&] {
+             const std::string ns = "mount -t tmpfs -o ro tmpfs /tmp && exec \"$0\" \"$@\"", local = std::filesystem::current_path() / "hostile.cfg";
+             if (zt::run("/usr/bin/unshare", {"-rm", "sh", "-c", ns, "true"}).status != 0) return std::cout << "[ SKIPPED  ] no private mount namespace\n", std::string();
+             std::string r;
+             for (const std::string tail : {"DEC_PARAM = 0x12\n", ""}) {
+                 zt::write_file(local, cfg_text + tail);
+                 const zt::Run run = zt::run("/usr/bin/unshare", {"-rm", "sh", "-c", ns, ZIRNIMG_EXE, "pubhash", "--cfg", local});
+                 if (run.status != (tail.empty() ? 0 : 6) || holds(run.out + run.err, Bytes(16, 0x5C)) || holds(run.out + run.err, zt::test_key(0).d))
+                     r += "status " + std::to_string(run.status) + ": " + run.err;
+             }
+             std::filesystem::remove(local);
+             return r;
+         }},
+        {"inputs that are not regular files are refused at once", [&] {
+             std::string r;
+             for (const std::vector<std::string> &args : {std::vector<std::string>{"verify", d + "/fifo", "--no-pin"}, {"pubhash", "--cfg", d + "/fifo"},
+                                                          {"pubhash", "--cfg", "/dev/zero"}, {"stitch", prot, d + "/fifo", "-o", d + "/o"},
+                                                          {"prepare", k.nod, d + "/fifo", d + "/o", "0x100"}}) {
+                 const zt::Run run = within_10s(args);
+                 if (run.status != 5 || run.err.find("not a regular file") == std::string::npos) r += args[0] + " " + args[1] + ": " + run.err;
+             }
+             return r;
+         }},
+        {"inputs of 4 GiB or more are refused", [&] {
+             std::filesystem::resize_file(cfg_with("huge", ""), (uint64_t(1) << 32) + 16);
+             const zt::Run run = z({"prepare", k.nod, d + "/huge", d + "/o", "0x100"});
+             return run.status == 7 && !zt::file_exists(d + "/o") ? "" : "prepare gave " + std::to_string(run.status);
+         }},
+        {"configurations that swap a key are refused, naming the line", [&] {
+             const std::string n_line = "AUTH_PARAM_N = 0x" + zt::to_hex(zt::test_key(1).n) + "\n";
+             std::string r;
+             for (const auto &[text, line] : {std::pair{cfg_text + "AUTH_PARAM_N_OLD" + n_line.substr(12), "line 7"}, {cfg_text + n_line, "line 7"},
+                                              {"#" + std::string(4095, ' ') + n_line + cfg_text, "line 1"}}) {
+                 const zt::Run run = z({"pubhash", "--cfg", cfg_with("trap.cfg", text)});
+                 if (run.status != 6 || run.err.find(line) == std::string::npos) r += run.out + run.err;
+             }
+             return r;
+         }},
+        {"verify without a pin is a usage error", [&] {
+             const zt::Run run = z({"verify", prot});
+             const bool named = run.err.find("--key-hash") != std::string::npos && run.err.find("--cfg") != std::string::npos && run.err.find("--no-pin") != std::string::npos;
+             return run.status == 2 && named ? "" : run.err;
+         }},
+    };
+    for (const auto &[finding, check] : rows) EXPECT_EQ(check(), "") << finding;
 }
