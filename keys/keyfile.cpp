@@ -21,7 +21,8 @@ bool keyfile_available() { return false; }
 
 KeyError detail::open_keyfile(const std::string &, const KeyOptions &, std::unique_ptr<Key> *)
 {
-    return detail::fail(KeyErr::unavailable, "this build reads no key files (it was built without OpenSSL's libcrypto)");
+    return detail::fail(KeyErr::unavailable,
+                        "this build reads no key files (it was built without OpenSSL's libcrypto)");
 }
 
 #else
@@ -97,13 +98,14 @@ KeyError detail::open_keyfile(const std::string &path, const KeyOptions &opt, st
         EVP_PKEY_get_bn_param(o.pkey, OSSL_PKEY_PARAM_RSA_E, &o.e) != 1)
         return fail(KeyErr::unsupported_key, path + ": the RSA key has no modulus or exponent");
     if (BN_num_bits(o.n) != 2048 || !BN_is_word(o.e, 65537) || BN_bn2binpad(o.n, n, 256) != 256)
-        return fail(KeyErr::unsupported_key, path + " is a " + std::to_string(BN_num_bits(o.n)) +
-                                                 "-bit key" + (BN_is_word(o.e, 65537) ? "" : " with e != 65537") +
+        return fail(KeyErr::unsupported_key, path + " is a " + std::to_string(BN_num_bits(o.n)) + "-bit key" +
+                                                 (BN_is_word(o.e, 65537) ? "" : " with e != 65537") +
                                                  ", not RSA-2048 with e = 65537");
     const bool has_d = EVP_PKEY_get_bn_param(o.pkey, OSSL_PKEY_PARAM_RSA_D, &o.d) == 1;
     if (!has_d && opt.need_private)
         return fail(KeyErr::unsupported_key, path + " holds a public key only: signing needs the private key");
-    if (has_d && BN_bn2binpad(o.d, d, 256) != 256) return fail(KeyErr::unsupported_key, path + ": the private exponent is too long");
+    if (has_d && BN_bn2binpad(o.d, d, 256) != 256)
+        return fail(KeyErr::unsupported_key, path + ": the private exponent is too long");
     *out = make_raw_key(n, has_d ? d : nullptr, "key file " + path);
     vWipeBuf(d, sizeof d);
     return {};

@@ -110,7 +110,8 @@ KeyError get_secret(const std::string &pass, const std::string &what, Secret *ou
     if (pass.empty()) return prompt_secret(what, out);
     if (pass.rfind("env:", 0) == 0) {
         const char *v = getenv(pass.c_str() + 4);
-        if (v == nullptr) return fail(KeyErr::usage, "environment variable " + pass.substr(4) + " (" + what + ") is not set");
+        if (v == nullptr)
+            return fail(KeyErr::usage, "environment variable " + pass.substr(4) + " (" + what + ") is not set");
         for (; *v != '\0'; v++)
             if (!out->append(*v)) return fail(KeyErr::usage, "the " + what + " is too long");
         return {};
@@ -162,7 +163,8 @@ public:
             if (rc == 0 && sig_len != 256) rc = -100;
         }
         vWipeBuf(em, sizeof em);
-        if (rc != 0) return fail(KeyErr::sign_failed, "signing with " + desc_ + " failed (code " + std::to_string(rc) + ")");
+        if (rc != 0)
+            return fail(KeyErr::sign_failed, "signing with " + desc_ + " failed (code " + std::to_string(rc) + ")");
         return {};
     }
 
@@ -295,11 +297,13 @@ public:
         while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
         }
         if (exec_failed) return fail(KeyErr::not_found, "cannot start " + describe() + ": " + strerror(exec_errno));
-        if (WIFSIGNALED(st)) return fail(KeyErr::sign_failed, describe() + " was killed by signal " + std::to_string(WTERMSIG(st)));
+        if (WIFSIGNALED(st))
+            return fail(KeyErr::sign_failed, describe() + " was killed by signal " + std::to_string(WTERMSIG(st)));
         if (!WIFEXITED(st) || WEXITSTATUS(st) != 0)
             return fail(KeyErr::sign_failed, describe() + " exited with status " + std::to_string(WEXITSTATUS(st)));
         if (total != 256)
-            return fail(KeyErr::sign_failed, describe() + " wrote " + std::to_string(total) + " bytes, not a 256-byte signature");
+            return fail(KeyErr::sign_failed,
+                        describe() + " wrote " + std::to_string(total) + " bytes, not a 256-byte signature");
         return {};
     }
 

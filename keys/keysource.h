@@ -22,7 +22,8 @@ enum class KeyErr {
     pin,              // the token refused the PIN (never retried: its lockout counter matters), or a
                       // wrong passphrase for an encrypted key file
     not_found,        // no key object matches (or several do), or the helper cannot be started
-    unsupported_key,  // not RSA-2048 with e = 65537, not a key at all, or no private part where one is needed
+    unsupported_key,  // not RSA-2048 with e = 65537, not a key at all, or no private part where one
+                      // is needed
     mechanism,        // the token has neither CKM_RSA_PKCS_PSS nor CKM_SHA256_RSA_PKCS_PSS for signing
     sign_failed,      // the signer failed, or returned a wrong length or a nonzero status
     unavailable,      // this build has no support for that key source (p11-kit or libcrypto missing)
@@ -31,7 +32,8 @@ enum class KeyErr {
 struct KeyError {
     KeyErr kind = KeyErr::ok;
     std::string message;  // one line, no secrets; empty when kind is ok
-    explicit operator bool() const { return kind != KeyErr::ok; }  // true: failed
+    // true when it failed: `if (KeyError err = ...) return err;`
+    explicit operator bool() const { return kind != KeyErr::ok; }
 };
 
 struct KeyOptions {

@@ -34,10 +34,14 @@ using detail::Secret;
 
 std::string rv_text(CK_RV rv) { return p11_kit_strerror(rv); }
 
-std::string padded(const unsigned char *s, size_t n) { return std::string(reinterpret_cast<const char *>(s), p11_kit_space_strlen(s, n)); }
+std::string padded(const unsigned char *s, size_t n)
+{
+    return std::string(reinterpret_cast<const char *>(s), p11_kit_space_strlen(s, n));
+}
 
 // One attribute's value; false when the object has none or withholds it.
-bool get_attr(CK_FUNCTION_LIST *f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_TYPE type, std::vector<uint8_t> *v)
+bool get_attr(CK_FUNCTION_LIST *f, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_TYPE type,
+              std::vector<uint8_t> *v)
 {
     CK_ATTRIBUTE a = {type, nullptr, 0};
     if (f->C_GetAttributeValue(s, o, &a, 1) != CKR_OK || a.ulValueLen == CK_UNAVAILABLE_INFORMATION) return false;
@@ -71,7 +75,8 @@ public:
     bool can_sign() const override { return private_; }
     std::string describe() const override { return desc_; }
 
-    KeyError sign(const uint8_t digest[32], const std::vector<std::span<const uint8_t>> &message, uint8_t sig[256]) override
+    KeyError sign(const uint8_t digest[32], const std::vector<std::span<const uint8_t>> &message,
+                  uint8_t sig[256]) override
     {
         if (!private_) return fail(KeyErr::unsupported_key, desc_ + " is a public key: it cannot sign");
         CK_RSA_PKCS_PSS_PARAMS params = {CKM_SHA256, CKG_MGF1_SHA256, 32};
@@ -80,7 +85,9 @@ public:
         if (rv == CKR_OK && always_auth_) {
             // The key wants its PIN again for each signature; a refusal is still not retried.
             rv = f_->C_Login(session_, CKU_CONTEXT_SPECIFIC, reinterpret_cast<CK_UTF8CHAR_PTR>(pin_.text), pin_.len);
-            if (rv != CKR_OK) return fail(KeyErr::pin, "token " + token_ + " refused the PIN for " + desc_ + " (" + rv_text(rv) + ")");
+            if (rv != CKR_OK)
+                return fail(KeyErr::pin,
+                            "token " + token_ + " refused the PIN for " + desc_ + " (" + rv_text(rv) + ")");
         }
         CK_ULONG len = 256;
         if (rv == CKR_OK && mech_ == CKM_RSA_PKCS_PSS) {
@@ -94,7 +101,8 @@ public:
             if (rv == CKR_OK) rv = f_->C_SignFinal(session_, sig, &len);
         }
         if (rv != CKR_OK) return fail(KeyErr::sign_failed, "signing with " + desc_ + " failed (" + rv_text(rv) + ")");
-        if (len != 256) return fail(KeyErr::sign_failed, desc_ + " returned a " + std::to_string(len) + "-byte signature");
+        if (len != 256)
+            return fail(KeyErr::sign_failed, desc_ + " returned a " + std::to_string(len) + "-byte signature");
         return {};
     }
 
@@ -131,7 +139,8 @@ KeyError TokenKey::load_modules(std::vector<CK_FUNCTION_LIST *> *mods)
         if (rv != CKR_OK) {
             p11_kit_module_release(module_);
             module_ = nullptr;
-            return fail(KeyErr::module, std::string("cannot initialize PKCS#11 module ") + path + " (" + rv_text(rv) + ")");
+            return fail(KeyErr::module,
+                        std::string("cannot initialize PKCS#11 module ") + path + " (" + rv_text(rv) + ")");
         }
         mods->push_back(module_);
         return {};
@@ -140,12 +149,14 @@ KeyError TokenKey::load_modules(std::vector<CK_FUNCTION_LIST *> *mods)
     if (modules_ == nullptr) return fail(KeyErr::module, "cannot load p11-kit's configured PKCS#11 modules");
     if (const char *name = p11_kit_uri_get_module_name(uri_)) {
         CK_FUNCTION_LIST *m = p11_kit_module_for_name(modules_, name);
-        if (m == nullptr) return fail(KeyErr::module, std::string("no PKCS#11 module named ") + name + " is configured in p11-kit");
+        if (m == nullptr)
+            return fail(KeyErr::module, std::string("no PKCS#11 module named ") + name + " is configured in p11-kit");
         mods->push_back(m);
     } else {
         for (CK_FUNCTION_LIST **m = modules_; *m != nullptr; m++) mods->push_back(*m);
     }
-    if (mods->empty()) return fail(KeyErr::module, "no PKCS#11 module is configured in p11-kit; name one with module-path=");
+    if (mods->empty())
+        return fail(KeyErr::module, "no PKCS#11 module is configured in p11-kit; name one with module-path=");
     return {};
 }
 
@@ -175,9 +186,13 @@ KeyError TokenKey::find_token(const std::vector<CK_FUNCTION_LIST *> &mods)
         }
     }
     if (matches == 0)
-        return fail(KeyErr::token, present == 0 ? "no PKCS#11 token is present" : "none of the " + std::to_string(present) + " PKCS#11 tokens matches the URI");
+        return fail(KeyErr::token, present == 0
+                                       ? "no PKCS#11 token is present"
+                                       : "none of the " + std::to_string(present) + " PKCS#11 tokens matches the URI");
     // The PIN goes to exactly one token: an ambiguous URI is refused, not resolved by order.
-    if (matches > 1) return fail(KeyErr::token, std::to_string(matches) + " tokens match the URI (" + labels + "); name one with token=");
+    if (matches > 1)
+        return fail(KeyErr::token,
+                    std::to_string(matches) + " tokens match the URI (" + labels + "); name one with token=");
     token_ = padded(info_.label, sizeof info_.label);
     const CK_RV rv = f_->C_OpenSession(slot_, CKF_SERIAL_SESSION, nullptr, nullptr, &session_);
     if (rv != CKR_OK) {
@@ -245,8 +260,8 @@ KeyError TokenKey::find_object(CK_OBJECT_CLASS cls, bool *found)
     if (rv != CKR_OK) return fail(KeyErr::token, "cannot search token " + token_ + " (" + rv_text(rv) + ")");
     *found = count == 1;
     if (count > 1)
-        return fail(KeyErr::not_found, "several " + std::string(cls == CKO_PRIVATE_KEY ? "private" : "public") + " keys on token " +
-                                           token_ + " match the URI; name one with object= or id=");
+        return fail(KeyErr::not_found, "several " + std::string(cls == CKO_PRIVATE_KEY ? "private" : "public") +
+                                           " keys on token " + token_ + " match the URI; name one with object= or id=");
     if (count == 1) object_ = objs[0], private_ = cls == CKO_PRIVATE_KEY;
     return {};
 }
@@ -255,19 +270,23 @@ KeyError TokenKey::check_key()
 {
     std::vector<uint8_t> v, n, e;
     CK_KEY_TYPE type = 0;
-    if (get_attr(f_, session_, object_, CKA_LABEL, &v)) desc_ = std::string(v.begin(), v.end());
+    if (get_attr(f_, session_, object_, CKA_LABEL, &v))
+        desc_ = std::string(v.begin(), v.end());
     else if (get_attr(f_, session_, object_, CKA_ID, &v)) {
         for (uint8_t b : v) desc_ += "0123456789abcdef"[b >> 4], desc_ += "0123456789abcdef"[b & 15];
         desc_ = "id " + desc_;
     }
     desc_ = "PKCS#11 " + std::string(private_ ? "key " : "public key ") + desc_ + " on token " + token_;
-    if (!get_attr(f_, session_, object_, CKA_KEY_TYPE, &v) || v.size() != sizeof type) return fail(KeyErr::unsupported_key, desc_ + " has no key type");
+    if (!get_attr(f_, session_, object_, CKA_KEY_TYPE, &v) || v.size() != sizeof type)
+        return fail(KeyErr::unsupported_key, desc_ + " has no key type");
     memcpy(&type, v.data(), sizeof type);
     if (type != CKK_RSA) return fail(KeyErr::unsupported_key, desc_ + " is not an RSA key");
-    if (!get_attr(f_, session_, object_, CKA_MODULUS, &n)) return fail(KeyErr::unsupported_key, desc_ + " shows no modulus");
+    if (!get_attr(f_, session_, object_, CKA_MODULUS, &n))
+        return fail(KeyErr::unsupported_key, desc_ + " shows no modulus");
     n = trimmed(n);
     if (n.size() != 256 || !detail::is_2048(n.data()))
-        return fail(KeyErr::unsupported_key, desc_ + " is not an RSA-2048 key (" + std::to_string(n.size() * 8) + "-bit modulus)");
+        return fail(KeyErr::unsupported_key,
+                    desc_ + " is not an RSA-2048 key (" + std::to_string(n.size() * 8) + "-bit modulus)");
     if (get_attr(f_, session_, object_, CKA_PUBLIC_EXPONENT, &e) && trimmed(e) != std::vector<uint8_t>{1, 0, 1})
         return fail(KeyErr::unsupported_key, desc_ + " has a public exponent other than 65537");
     memcpy(n_, n.data(), 256);
@@ -276,7 +295,8 @@ KeyError TokenKey::check_key()
         if (get_attr(f_, session_, object_, CKA_SIGN, &v) && v.size() == sizeof b && !(memcpy(&b, v.data(), 1), b))
             return fail(KeyErr::unsupported_key, desc_ + " may not sign (CKA_SIGN is false)");
         b = CK_FALSE;
-        always_auth_ = get_attr(f_, session_, object_, CKA_ALWAYS_AUTHENTICATE, &v) && v.size() == sizeof b && (memcpy(&b, v.data(), 1), b);
+        always_auth_ = get_attr(f_, session_, object_, CKA_ALWAYS_AUTHENTICATE, &v) && v.size() == sizeof b &&
+                       (memcpy(&b, v.data(), 1), b);
     }
     return {};
 }
@@ -290,7 +310,8 @@ KeyError TokenKey::pick_mechanism()
             return {};
         }
     }
-    return fail(KeyErr::mechanism, "token " + token_ + " signs with neither CKM_RSA_PKCS_PSS nor CKM_SHA256_RSA_PKCS_PSS");
+    return fail(KeyErr::mechanism,
+                "token " + token_ + " signs with neither CKM_RSA_PKCS_PSS nor CKM_SHA256_RSA_PKCS_PSS");
 }
 
 KeyError TokenKey::open(const std::string &uri, const KeyOptions &opt)
@@ -298,9 +319,11 @@ KeyError TokenKey::open(const std::string &uri, const KeyOptions &opt)
     uri_ = p11_kit_uri_new();
     if (uri_ == nullptr) return fail(KeyErr::usage, "out of memory");
     const int rc = p11_kit_uri_parse(uri.c_str(), P11_KIT_URI_FOR_OBJECT_ON_TOKEN_AND_MODULE, uri_);
-    if (rc != P11_KIT_URI_OK) return fail(KeyErr::usage, std::string("malformed PKCS#11 URI: ") + p11_kit_uri_message(rc));
+    if (rc != P11_KIT_URI_OK)
+        return fail(KeyErr::usage, std::string("malformed PKCS#11 URI: ") + p11_kit_uri_message(rc));
     // An attribute this build cannot match would silently widen the choice of key.
-    if (p11_kit_uri_any_unrecognized(uri_)) return fail(KeyErr::usage, "the PKCS#11 URI has attributes this build does not understand");
+    if (p11_kit_uri_any_unrecognized(uri_))
+        return fail(KeyErr::usage, "the PKCS#11 URI has attributes this build does not understand");
     std::vector<CK_FUNCTION_LIST *> mods;
     if (KeyError err = load_modules(&mods)) return err;
     if (KeyError err = find_token(mods)) return err;
@@ -323,7 +346,8 @@ KeyError TokenKey::open(const std::string &uri, const KeyOptions &opt)
         }
     }
     if (!found)
-        return fail(KeyErr::not_found, std::string("no ") + (opt.need_private ? "private key" : "key") + " on token " + token_ + " matches the URI");
+        return fail(KeyErr::not_found, std::string("no ") + (opt.need_private ? "private key" : "key") + " on token " +
+                                           token_ + " matches the URI");
     if (KeyError err = check_key()) return err;
     if (!always_auth_) vWipeBuf(pin_.text, sizeof pin_.text), pin_.len = 0;
     return opt.need_private ? pick_mechanism() : KeyError{};

@@ -8,7 +8,7 @@
 # first adds that architecture to dpkg.
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libssl-dev openssl nlohmann-json3-dev qemu-user valgrind
-      libp11-kit-dev p11-kit p11-kit-modules softhsm2 opensc "$@")
+      pkg-config libp11-kit-dev p11-kit p11-kit-modules softhsm2 opensc "$@")
 # A name installed for two architectures is ambiguous to dpkg: then the native one is asked for.
 native=$(dpkg --print-architecture)
 missing=()
