@@ -303,9 +303,18 @@ KeyError TokenKey::check_key()
 
 KeyError TokenKey::pick_mechanism()
 {
+    // The list counts: some modules describe a mechanism they have switched off for the slot.
+    CK_ULONG count = 0;
+    std::vector<CK_MECHANISM_TYPE> list;
+    if (f_->C_GetMechanismList(slot_, nullptr, &count) == CKR_OK) {
+        list.resize(count);
+        if (f_->C_GetMechanismList(slot_, list.data(), &count) != CKR_OK) count = 0;
+        list.resize(count);
+    }
     for (CK_MECHANISM_TYPE m : {CKM_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS_PSS}) {
         CK_MECHANISM_INFO mi;
-        if (f_->C_GetMechanismInfo(slot_, m, &mi) == CKR_OK && (mi.flags & CKF_SIGN)) {
+        if (std::find(list.begin(), list.end(), m) != list.end() && f_->C_GetMechanismInfo(slot_, m, &mi) == CKR_OK &&
+            (mi.flags & CKF_SIGN)) {
             mech_ = m;
             return {};
         }

@@ -46,7 +46,8 @@ void check(const std::string &spec, const zk::KeyOptions &opt, KeyErr want, cons
     EXPECT_EQ(key->can_sign(), signs) << row;
     const Bytes msg = {'z', 'i', 'r', 'n'}, digest = zt::sha256(msg);
     uint8_t sig[256];
-    const zk::KeyError s = key->sign(digest.data(), {msg}, sig);
+    const std::span<const uint8_t> all(msg);
+    const zk::KeyError s = key->sign(digest.data(), {all.first(1), all.subspan(1)}, sig);
     EXPECT_EQ(s.kind, signs ? KeyErr::ok : KeyErr::unsupported_key) << row << ": " << s.message;
     EXPECT_TRUE(!signs ||
                 zt::pss_accepts_em(digest, zt::modexp(Bytes(sig, sig + 256), {1, 0, 1}, n), 2048))
@@ -56,7 +57,7 @@ void check(const std::string &spec, const zk::KeyOptions &opt, KeyErr want, cons
 // A SoftHSM2 token "zirn" (PIN 123456) with k1 (RSA-2048, id 01) and small (RSA-1024), and
 // p11-kit's server exporting it on a Unix socket; built once per program.
 struct Token {
-    std::string dir = zt::temp_dir(), module, client, skip;
+    std::string dir = zt::temp_dir(), module, client, skip, conf;
     Bytes n;
     pid_t server = -1;
     Token()
@@ -70,9 +71,9 @@ struct Token {
             skip = "needs p11-kit, SoftHSM2 and OpenSC's pkcs11-tool (scripts/install-deps.sh)";
             return;
         }
-        zt::write_file(dir + "/softhsm2.conf",
-                       "directories.tokendir = " + dir +
-                           "\nobjectstore.backend = file\nlog.level = ERROR\n");
+        conf =
+            "directories.tokendir = " + dir + "\nobjectstore.backend = file\nlog.level = ERROR\n";
+        zt::write_file(dir + "/softhsm2.conf", conf);
         setenv("SOFTHSM2_CONF", (dir + "/softhsm2.conf").c_str(), 1);
         sh("/usr/bin/softhsm2-util", {"--init-token", "--free", "--label", "zirn", "--so-pin",
                                       "87654321", "--pin", "123456"});
@@ -215,6 +216,16 @@ TEST(Keys, TokenDirectAndThroughServer)
     };
     for (const auto &r : rows)
         check(r.uri, {r.pass, r.need_private}, r.want, t.n, r.need_private, r.uri.c_str());
+    // A token with CKM_SHA256_RSA_PKCS_PSS only hashes the message itself; one with neither
+    // mechanism cannot sign.
+    const std::string less = t.dir + "/less.conf";
+    for (const std::string only : {"CKM_SHA256_RSA_PKCS_PSS", "CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS"}) {
+        zt::write_file(less, t.conf + "slots.mechanisms = " + only + "\n");
+        setenv("SOFTHSM2_CONF", less.c_str(), 1);
+        const KeyErr want = only.find("PSS") != std::string::npos ? KeyErr::ok : KeyErr::mechanism;
+        check(k1 + m + "&pin-value=123456", {}, want, t.n, true, only.c_str());
+    }
+    setenv("SOFTHSM2_CONF", (t.dir + "/softhsm2.conf").c_str(), 1);
 }
 
 TEST(Keys, SigningHelpers)
