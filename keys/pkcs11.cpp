@@ -34,9 +34,17 @@ using detail::Secret;
 
 std::string rv_text(CK_RV rv) { return p11_kit_strerror(rv); }
 
+// Token and object labels are the token's text: messages show them on one line, control characters as '?'.
+std::string printable(std::string s)
+{
+    for (char &c : s)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return s;
+}
+
 std::string padded(const unsigned char *s, size_t n)
 {
-    return std::string(reinterpret_cast<const char *>(s), p11_kit_space_strlen(s, n));
+    return printable(std::string(reinterpret_cast<const char *>(s), p11_kit_space_strlen(s, n)));
 }
 
 // One attribute's value; false when the object has none or withholds it.
@@ -65,11 +73,9 @@ public:
             if (logged_in_) f_->C_Logout(session_);
             f_->C_CloseSession(session_);
         }
-        if (modules_ != nullptr) p11_kit_modules_finalize_and_release(modules_);
-        if (module_ != nullptr) {
-            p11_kit_module_finalize(module_);
-            p11_kit_module_release(module_);
-        }
+        for (CK_FUNCTION_LIST *m : initialized_) p11_kit_module_finalize(m);
+        if (modules_ != nullptr) p11_kit_modules_release(modules_);
+        if (module_ != nullptr) p11_kit_module_release(module_);
         if (uri_ != nullptr) p11_kit_uri_free(uri_);
     }
     bool can_sign() const override { return private_; }
@@ -119,7 +125,8 @@ private:
     P11KitUri *uri_ = nullptr;
     CK_FUNCTION_LIST **modules_ = nullptr;  // p11-kit's configured modules
     CK_FUNCTION_LIST *module_ = nullptr;    // or the URI's module-path
-    CK_FUNCTION_LIST *f_ = nullptr;         // the token's module
+    std::vector<CK_FUNCTION_LIST *> initialized_;
+    CK_FUNCTION_LIST *f_ = nullptr;  // the token's module
     CK_SLOT_ID slot_ = 0;
     CK_TOKEN_INFO info_ = {};
     std::string token_, desc_;
@@ -136,25 +143,28 @@ KeyError TokenKey::load_modules(std::vector<CK_FUNCTION_LIST *> *mods)
         module_ = p11_kit_module_load(path, 0);
         if (module_ == nullptr) return fail(KeyErr::module, std::string("cannot load PKCS#11 module ") + path);
         const CK_RV rv = p11_kit_module_initialize(module_);
-        if (rv != CKR_OK) {
-            p11_kit_module_release(module_);
-            module_ = nullptr;
+        if (rv != CKR_OK)
             return fail(KeyErr::module,
                         std::string("cannot initialize PKCS#11 module ") + path + " (" + rv_text(rv) + ")");
-        }
-        mods->push_back(module_);
-        return {};
-    }
-    modules_ = p11_kit_modules_load_and_initialize(0);
-    if (modules_ == nullptr) return fail(KeyErr::module, "cannot load p11-kit's configured PKCS#11 modules");
-    if (const char *name = p11_kit_uri_get_module_name(uri_)) {
+        initialized_.push_back(module_);
+    } else if (modules_ = p11_kit_modules_load(nullptr, 0); modules_ == nullptr) {
+        return fail(KeyErr::module, "cannot load p11-kit's configured PKCS#11 modules");
+    } else if (const char *name = p11_kit_uri_get_module_name(uri_)) {
+        // Only the named module is started: the others may wait on readers or daemons.
         CK_FUNCTION_LIST *m = p11_kit_module_for_name(modules_, name);
         if (m == nullptr)
             return fail(KeyErr::module, std::string("no PKCS#11 module named ") + name + " is configured in p11-kit");
-        mods->push_back(m);
+        const CK_RV rv = p11_kit_module_initialize(m);
+        if (rv != CKR_OK)
+            return fail(KeyErr::module,
+                        std::string("cannot initialize PKCS#11 module ") + name + " (" + rv_text(rv) + ")");
+        initialized_.push_back(m);
     } else {
-        for (CK_FUNCTION_LIST **m = modules_; *m != nullptr; m++) mods->push_back(*m);
+        // A module that fails to start does not hide the tokens of the others.
+        for (CK_FUNCTION_LIST **m = modules_; *m != nullptr; m++)
+            if (p11_kit_module_initialize(*m) == CKR_OK) initialized_.push_back(*m);
     }
+    *mods = initialized_;
     if (mods->empty())
         return fail(KeyErr::module, "no PKCS#11 module is configured in p11-kit; name one with module-path=");
     return {};
@@ -271,7 +281,7 @@ KeyError TokenKey::check_key()
     std::vector<uint8_t> v, n, e;
     CK_KEY_TYPE type = 0;
     if (get_attr(f_, session_, object_, CKA_LABEL, &v))
-        desc_ = std::string(v.begin(), v.end());
+        desc_ = printable(std::string(v.begin(), v.end()));
     else if (get_attr(f_, session_, object_, CKA_ID, &v)) {
         for (uint8_t b : v) desc_ += "0123456789abcdef"[b >> 4], desc_ += "0123456789abcdef"[b & 15];
         desc_ = "id " + desc_;

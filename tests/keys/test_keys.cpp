@@ -210,6 +210,9 @@ TEST(Keys, TokenDirectAndThroughServer)
         {"pkcs11:token=zirn;object=small?" + m + "&pin-value=123456", "", true,
          KeyErr::unsupported_key},
         {"pkcs11:token=zirn;object=k1;bogus=1?" + m, "", true, KeyErr::usage},
+        {k1 + "module-name=softhsm2&pin-value=123456", "", true, KeyErr::ok},  // p11-kit's config
+        {k1 + "pin-value=123456", "", true, KeyErr::ok},  // every configured module
+        {k1 + "module-name=zirn-none&pin-value=123456", "", true, KeyErr::module},
         {k1 + c + "&pin-value=123456", "", true, KeyErr::ok},
         {k1 + c + "&pin-value=654321", "", true, KeyErr::pin},
         {"pkcs11:token=zirn;object=nope?" + c + "&pin-value=123456", "", true, KeyErr::not_found},
