@@ -87,7 +87,8 @@ KeyError prompt_secret(const std::string &what, Secret *out)
         return fail(KeyErr::io, "cannot set up the terminal");
     }
     KeyError err;
-    for (char c;;) {
+    char c = 0;
+    for (;;) {
         const ssize_t r = read(fd, &c, 1);
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0 || c == '\n') {
@@ -99,6 +100,7 @@ KeyError prompt_secret(const std::string &what, Secret *out)
             break;
         }
     }
+    vWipeBuf(&c, 1);
     tcsetattr(fd, TCSAFLUSH, &old);
     [[maybe_unused]] const ssize_t w = write(fd, "\n", 1);  // the user's Enter was not echoed
     close(fd);
@@ -294,9 +296,12 @@ public:
         const bool exec_failed = read(ex[0], &exec_errno, sizeof exec_errno) == ssize_t(sizeof exec_errno);
         close_fd(ex[0]);
         int st = 0;
-        while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+        pid_t waited;
+        while ((waited = waitpid(pid, &st, 0)) < 0 && errno == EINTR) {
         }
         if (exec_failed) return fail(KeyErr::not_found, "cannot start " + describe() + ": " + strerror(exec_errno));
+        // (SIGCHLD ignored by the caller reaps the helper unseen: its status is then unknown.)
+        if (waited != pid) return fail(KeyErr::sign_failed, "cannot learn how " + describe() + " ended");
         if (WIFSIGNALED(st))
             return fail(KeyErr::sign_failed, describe() + " was killed by signal " + std::to_string(WTERMSIG(st)));
         if (!WIFEXITED(st) || WEXITSTATUS(st) != 0)
