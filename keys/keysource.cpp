@@ -141,6 +141,11 @@ public:
     }
     ~RawKey() override { vWipeBuf(d_, sizeof d_); }
     bool can_sign() const override { return has_d_; }
+    bool export_private_exponent(uint8_t d[256]) const override
+    {
+        if (has_d_) memcpy(d, d_, sizeof d_);
+        return has_d_;
+    }
     std::string describe() const override { return desc_; }
 
     KeyError sign(const uint8_t digest[32], const std::vector<std::span<const uint8_t>> &, uint8_t sig[256]) override

@@ -61,6 +61,13 @@ public:
     virtual KeyError sign(const uint8_t digest[32], const std::vector<std::span<const uint8_t>> &message,
                           uint8_t sig[256]) = 0;
     virtual std::string describe() const = 0;  // e.g. "PKCS#11 key k1 on token zirn"
+    // Copies the private exponent (big-endian, 256 bytes) to d, for writing a configuration from a
+    // key file; false where it never leaves its holder (token, helper) or there is none.
+    virtual bool export_private_exponent(uint8_t d[256]) const
+    {
+        (void)d;
+        return false;
+    }
 
 protected:
     Key() = default;

@@ -23,17 +23,26 @@ const char *const USAGE =
     "\n"
     "commands:\n"
     "  info IMAGE [--json]                          show and check the header of a protected image\n"
-    "  verify IMAGE (--key-hash HEX | --cfg CFG | --no-pin) [--json]\n"
+    "  verify IMAGE (--key-hash HEX | --cfg CFG | --key KEY | --no-pin) [--json]\n"
     "                                               check the signature, pinned to a key\n"
     "  decrypt IMAGE --cfg CFG -o PLAIN [--json]    verify against CFG's key, then write the plain image\n"
-    "  pubhash --cfg CFG [--json]                   print the fingerprint of CFG's key, to pin it\n"
+    "  pubhash (--cfg CFG | --key KEY) [--json]     print the fingerprint of a key, to pin it\n"
+    "  sign CFG IN OUT SZ [--key KEY | --signing-helper CMD] [--json]\n"
+    "                                               protect and sign IN with any key source\n"
+    "  keycfg --key KEY -o CFG [--public-only] [--json]\n"
+    "                                               write a configuration for a key\n"
     "  prepare CFG IN OUT SZ [--digest-out FILE] [--json]\n"
     "                                               protect IN without signing; print the digest to sign\n"
     "  stitch UNSIGNED SIG -o OUT [--json]          insert a signature made elsewhere, verify, write\n"
     "\n"
-    "exit status: 0 success, 1 bad signature, 2 wrong usage, 3 key does not match the pin,\n"
-    "4 malformed image or signature file, 5 file not readable or writable, 6 bad configuration,\n"
-    "7 plain image empty, too large or larger than the memory size, 128+N interrupted by signal N\n";
+    "KEY: a PKCS#11 URI (pkcs11:token=...;object=...) or a key file (PEM or DER).\n"
+    "\n"
+    "exit status: 0 success, 1 bad signature, 2 wrong usage, 3 key does not match the pin or the\n"
+    "configuration, 4 malformed image or signature file, 5 file not readable or writable, 6 bad\n"
+    "configuration, 7 plain image empty, too large or larger than the memory size, 8 PKCS#11 module\n"
+    "not loaded, 9 token not found, 10 wrong PIN or passphrase, 11 key or signing helper not found,\n"
+    "12 key not RSA-2048 with exponent 65537, 13 token lacks RSA-PSS, 14 signing failed, 15 key\n"
+    "source not in this build, 128+N interrupted by signal N\n";
 
 // Options that take a value, and where each command's goes.
 struct ValueOption {
@@ -65,22 +74,44 @@ const Command COMMANDS[] = {
      "the file: magic, header size 576, encrypted size a multiple of 16 and at least the plain size,\n"
      "file size 576 + encrypted size.  Exit status 4 when a check fails.\n",
      1, "one file", "", iInfo},
-    {"verify", "verify IMAGE (--key-hash HEX | --cfg CFG | --no-pin) [--json]",
+    {"verify", "verify IMAGE (--key-hash HEX | --cfg CFG | --key KEY | --no-pin) [--pass SRC] [--json]",
      "Recomputes the SHA-256 of the header (signature field zeroed) and the ciphertext, and checks\n"
      "the RSA-PSS signature with the image's modulus through the signer's own verification route.\n"
      "A modulus carried by the image proves nothing on its own, so the key must be pinned: with\n"
-     "--key-hash (the fingerprint that info and pubhash print) or --cfg (the modulus of a\n"
-     "configuration file).  --no-pin checks against whatever key the image carries, with a warning.\n"
+     "--key-hash (the fingerprint that info and pubhash print), --cfg (the modulus of a\n"
+     "configuration file) or --key (a key file or PKCS#11 URI; the public part is enough).\n"
+     "--no-pin checks against whatever key the image carries, with a warning.\n"
      "A signature that is not smaller than the modulus is refused.\n",
-     1, "one file", "--key-hash --cfg --key --no-pin", iVerify},
+     1, "one file", "--key-hash --cfg --key --pass --no-pin", iVerify},
     {"decrypt", "decrypt IMAGE --cfg CFG -o PLAIN [--json]",
      "Verifies IMAGE pinned to CFG's modulus while decrypting it with CFG's AES key and IV, in one\n"
      "read of the file, and writes exactly the plain size to PLAIN (owner-only, mode 0600) only\n"
      "when the signature holds.  CFG needs no private exponent.\n",
      1, "one file", "--cfg -o", iDecrypt},
-    {"pubhash", "pubhash --cfg CFG [--json]",
-     "Prints the fingerprint of CFG's modulus (SHA-256 of its 256 bytes) to pin with --key-hash.\n",
+    {"pubhash", "pubhash (--cfg CFG | --key KEY) [--pass SRC] [--json]",
+     "Prints the fingerprint of a modulus (SHA-256 of its 256 bytes) to pin with --key-hash: CFG's,\n"
+     "or that of KEY, a key file (public or private, PEM or DER) or a PKCS#11 URI.\n",
      0, "no file", "--cfg --key --pass", iPubhash},
+    {"sign", "sign CFG IN OUT SZ [--key KEY | --signing-helper CMD] [--pass SRC] [--json]",
+     "Makes the signer's protected image from the same inputs, in one step, and prints nothing\n"
+     "secret.  The salt comes from the system's random generator.  The key is CFG's own\n"
+     "AUTH_PARAM_D, or KEY: a PKCS#11 URI (RFC 7512; module from module-path or module-name or\n"
+     "p11-kit's configured modules, PIN from pin-source or pin-value, --pass, or a prompt) or a key\n"
+     "file (PEM or DER; an encrypted one takes its passphrase from --pass env:VAR or file:PATH, or\n"
+     "a prompt).  --signing-helper CMD runs CMD (split on blanks, no shell) with the key's\n"
+     "fingerprint as its last argument; it reads the 32-byte digest on standard input and writes\n"
+     "the 256-byte signature on standard output.  The key must be CFG's (AUTH_PARAM_N) before\n"
+     "anything is signed, and the signature is verified before OUT is written.\n",
+     4, "CFG IN OUT SZ", "--key --signing-helper --pass", iSign},
+    {"keycfg", "keycfg --key KEY -o CFG [--public-only] [--img-ver HEX] [--dec-param HEX] [--enc-param HEX] [--pass SRC] "
+               "[--force] [--json]",
+     "Writes a configuration for KEY (a key file or a PKCS#11 URI, whose modulus is read from the\n"
+     "token) to CFG, owner-only, and never over an existing file without --force.  The AES IV and\n"
+     "key (--enc-param, 64 hex digits) are fresh random bytes unless given; --img-ver (4 hex\n"
+     "digits) and --dec-param (64) default to zeros.  AUTH_PARAM_D is written only for a private\n"
+     "key file without --public-only; a token's key never leaves it.  Only RSA-2048 keys with\n"
+     "exponent 65537 are taken.\n",
+     0, "no file", "-o --key --pass --public-only --img-ver --dec-param --enc-param --force", iKeycfg},
     {"prepare", "prepare CFG IN OUT SZ [--digest-out FILE] [--json]",
      "Does what the signer does up to the hash, with the same checks of IN and SZ: pads and\n"
      "encrypts IN and builds the header, with the signature field zero.  Writes that unsigned image\n"

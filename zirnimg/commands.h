@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "ZirnImgProt.h"
 #include "config.h"
 #include "files.h"
+#include "keysource.h"
 
 namespace zi {
 
@@ -26,6 +28,8 @@ int iDecrypt(const Args &a);
 int iPubhash(const Args &a);
 int iPrepare(const Args &a);
 int iStitch(const Args &a);
+int iSign(const Args &a);
+int iKeycfg(const Args &a);
 
 // A protected image: its file, positioned after the header, the header, and the header's problems
 // (ZIRN_HDR_* bits).  With strict, an inconsistent header is a failure (EXIT_BAD_IMAGE).
@@ -56,6 +60,10 @@ struct Sealed {
 int iSealImage(const char *cfg_path, const char *in_path, const char *sz, uint32_t need, Sealed *s);
 // Writes the header and the ciphertext of s to path.
 int iWriteImage(const char *path, const Sealed &s);
+
+// Opens the key described by spec (a PKCS#11 URI or a key file), with the passphrase or PIN from
+// pass (null: a prompt on the terminal).  Returns EXIT_OK or the key source's failure status.
+int iOpenKey(const char *spec, const char *pass, bool need_private, std::unique_ptr<zk::Key> *key);
 
 // A size given to the companion: decimal, or 0x and hex digits; 1 to 2^32 - 1.
 bool bParseSize(const char *text, uint32_t *size);

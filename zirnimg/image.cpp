@@ -166,7 +166,13 @@ int iVerify(const Args &a)
         if (rc != EXIT_OK) return rc;
         vZIRNKeyHashV10(cfg.param.hdr.auth_n, pin);
     }
-    if (a.key != nullptr) return iFail(EXIT_UNAVAILABLE, "--key is not available in this build");
+    if (a.key != nullptr) {
+        std::unique_ptr<zk::Key> key;
+        const int rc = iOpenKey(a.key, a.pass, false, &key);
+        if (rc != EXIT_OK) return rc;
+        vZIRNKeyHashV10(key->modulus(), pin);
+        from = a.key;
+    }
     const char *path = a.positional[0];
     vField("file", sJsonStr(path));
     vField("pinned", sJsonBool(!a.no_pin));

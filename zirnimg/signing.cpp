@@ -1,5 +1,5 @@
-// The commands that make protected images: prepare (everything up to the signature), stitch (a
-// signature made elsewhere), and pubhash (the fingerprint to pin).
+// The commands that make protected images in two steps, for signers zirnimg cannot reach: prepare
+// (everything up to the signature) and stitch (a signature made elsewhere).
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,19 +12,6 @@
 #include "workbuf.h"
 
 namespace zi {
-
-int iPubhash(const Args &a)
-{
-    if (a.cfg == nullptr) return iFail(EXIT_USAGE, "pubhash: --cfg CFG is required");
-    WipedParam cfg;
-    const int rc = iLoadConfig(a.cfg, &cfg.param, AUTH_PARAM_N_SEEN);
-    if (rc != EXIT_OK) return rc;
-    uint8_t key_hash[32];
-    vZIRNKeyHashV10(cfg.param.hdr.auth_n, key_hash);
-    vField("key_hash", sJsonHex(key_hash, 32));
-    if (!a.json) fprintf(g_out, "%s\n", sHex(key_hash, 32).c_str());
-    return EXIT_OK;
-}
 
 Sealed::~Sealed()
 {
