@@ -54,9 +54,10 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
         EXPECT_EQ(z({"verify", d + "/prot", "--cfg", k.other}).status, 3);
         EXPECT_EQ(z({"decrypt", d + "/prot", "--cfg", k.nod, "-o", d + "/back"}).status, 0);
         EXPECT_EQ(zt::read_file(d + "/back"), plain);
-        const zt::Run prep = z({"prepare", k.nod, d + "/plain", d + "/unsigned", "0x00200000"});
+        const zt::Run prep = z({"prepare", k.nod, d + "/plain", d + "/unsigned", "2097152", "--digest-out", d + "/digest"});
         const Bytes unsig = zt::read_file(d + "/unsigned");
         ASSERT_EQ(std::pair(prep.status, prep.out), std::pair(0, zt::to_hex(zt::sha256(unsig)) + "\n"));  // the unsigned image is the message
+        EXPECT_EQ(zt::read_file(d + "/digest"), zt::sha256(unsig));
         ASSERT_EQ(zt::run("/usr/bin/openssl", {"dgst", "-sha256", "-sign", key, "-sigopt", "rsa_padding_mode:pss", "-sigopt", "rsa_pss_saltlen:32",
                                                "-sigopt", "rsa_mgf1_md:sha256", "-out", d + "/sig", d + "/unsigned"}).status, 0);
         EXPECT_EQ(z({"stitch", d + "/unsigned", d + "/sig", "-o", d + "/stitched"}).status, 0);
@@ -110,7 +111,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"verify", image("flip", 600, {0x55}), "--key-hash", kh}, 1, "does not verify"},
         {{"verify", prot, "--cfg", k.other}, 3, "not for the key pinned"}, {{"decrypt", prot, "--cfg", k.other, "-o", out}, 3, "not signed for the key"},
         {{"info", d + "/empty"}, 4, "truncated"}, {{"verify", image("hdr", 0, {}, 575), "--no-pin"}, 4, "truncated"},
-        {{"info", image("magic", 3, {'_'})}, 4, "magic"}, {{"verify", image("hdrsize", 8, {0x41}), "--no-pin"}, 4, "header size"},
+        {{"info", image("magic", 3, {'_'})}, 4, "magic"}, {{"info", image("binary", 0, {0xFF, 0xC3, 0x28, 0x80})}, 4, "magic"}, {{"verify", image("hdrsize", 8, {0x41}), "--no-pin"}, 4, "header size"},
         {{"verify", image("enc15", 24, {0x71}), "--no-pin"}, 4, "multiple of 16"}, {{"verify", image("plain", 20, {0xFF, 0xFF, 0xFF, 0x7F}), "--no-pin"}, 4, "plain size"},
         {{"verify", image("lying", 24, {0xF0, 0xFF, 0xFF, 0xFF}), "--no-pin"}, 4, "file size"},
         {{"verify", image("tail", 0, {}, good.size() + 16), "--no-pin"}, 4, "file size"},
@@ -121,6 +122,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"pubhash", "--cfg", d + "/none"}, 5, "cannot read"}, {{"prepare", k.nod, d + "/none", out, "0x200"}, 5, "cannot read"},
         {{"pubhash", "--cfg", d + "/bad.cfg"}, 6, "line 1: ENC_PARAM takes"}, {{"decrypt", prot, "--cfg", d + "/no_enc.cfg", "-o", out}, 6, "no ENC_PARAM"},
         {{"prepare", k.nod, d + "/empty", out, "0x200"}, 7, "is empty"}, {{"prepare", k.nod, d + "/plain", out, "0x60"}, 7, "larger than the external memory"},
+        {{"prepare", k.nod, d + "/plain", out, "96"}, 7, "larger than the external memory"}, {{"prepare", k.nod, d + "/plain", out, "1e3"}, 2, "memory size"},
     };
     const auto listing = [&] {
         std::vector<std::string> names;
