@@ -2,9 +2,13 @@
 // parameter record, converts its "0x" hex values, and sizes files.
 #include "ZirnImgProtCfgFileProc.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -67,6 +71,31 @@ int32_t liHexDigitVal(char c)
 
 }  // namespace
 
+FILE *pfOpenRegFileV10(const char *path, const char *mode)
+{
+    // Non-blocking, so that opening a FIFO without a writer returns at once; nothing is read
+    // before the type is known.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    int err = EINVAL;
+    if (fstat(fd, &st) != 0) {
+        err = errno;
+    } else if (S_ISREG(st.st_mode)) {
+        const int flags = fcntl(fd, F_GETFL);
+        if (flags == -1 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+            err = errno;
+        } else if (FILE *fp = fdopen(fd, mode); fp != nullptr) {
+            return fp;
+        } else {
+            err = errno;
+        }
+    }
+    close(fd);
+    errno = err;
+    return nullptr;
+}
+
 int32_t iConvHexStrToValBuf(const char *str, uint8_t *buf, int32_t len)
 {
     if (str == nullptr || buf == nullptr || len < 0) {
@@ -116,7 +145,7 @@ int32_t iProcZIRNImgProtCfgFileV10(const char *path, ImgProtParam *param)
         printf("Error: Parameter structure is NULL\n");
         return -1;
     }
-    FILE *fp = fopen(path, "r");
+    FILE *fp = pfOpenRegFileV10(path, "r");
     if (fp == nullptr) {
         printf("Error: fail to open file (%s)\n", path);
         return -2;
@@ -170,7 +199,7 @@ uint32_t ui4GetFileSz(const char *path)
         printf("Error: No file name for getting file size\n");
         return 0;
     }
-    FILE *fp = fopen(path, "rb");
+    FILE *fp = pfOpenRegFileV10(path, "rb");
     if (fp == nullptr) {
         printf("Error: fail to open file (%s) for getting file size\n", path);
         return 0;
@@ -220,7 +249,7 @@ uint8_t *lpucAllocImage(uint32_t size)
 
 uint8_t *pucReadZIRNImgV10(const char *path, uint32_t plain_size)
 {
-    FILE *fp = fopen(path, "r");
+    FILE *fp = pfOpenRegFileV10(path, "r");
     if (fp == nullptr) {
         printf("Error: fail to open zirn image binary file (%s)\n", path);
         return nullptr;

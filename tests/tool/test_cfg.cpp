@@ -91,7 +91,7 @@ TEST(CfgParse, KeysValuesAndTheirFailures)
 TEST(CfgParse, FilesArgumentsAndClosing)
 {
     const std::string dir = zt::temp_dir(), path = dir + "/ok.cfg", missing = dir + "/none.cfg";
-    EXPECT_EQ(parse("", dir), std::tuple(0, "", record({}, 0)));  // a directory opens but reads nothing
+    EXPECT_EQ(parse("", dir), std::tuple(-2, "Error: fail to open file (" + dir + ")\n", record({}, 0)));  // not a regular file
     ImgProtParam p{};
     for (auto [file, param, rc, out] : {std::tuple{(const char *)nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is NULL\n"s},
                                         {path.c_str(), nullptr, -1, "Error: Parameter structure is NULL\n"s},
@@ -122,11 +122,11 @@ TEST(FileSize, ResultsAndMessages)
     zt::write_file(empty, "");
     zt::write_file(normal, zt::Bytes(12345, 0x42));
     int fds[2];
-    ASSERT_EQ(pipe(fds), 0);  // cannot seek; reopening its read end does not block while we hold the write end
+    ASSERT_EQ(pipe(fds), 0);  // not a regular file: refused as unopenable
     const std::string pipe_path = "/proc/self/fd/" + std::to_string(fds[0]), at = ") for getting file size\n";
     for (auto [path, size, out] : {std::tuple{(const char *)nullptr, 0u, "Error: No file name for getting file size\n"s}, {empty.c_str(), 0u, ""s},
                                    {normal.c_str(), 12345u, ""s}, {missing.c_str(), 0u, "Error: fail to open file (" + missing + at},
-                                   {pipe_path.c_str(), 0u, "Error: fail to seek file (" + pipe_path + at}})
+                                   {pipe_path.c_str(), 0u, "Error: fail to open file (" + pipe_path + at}})
         EXPECT_EQ(zt::printed([&, path = path] { return ui4GetFileSz(path); }), std::pair(size, out));
     close(fds[0]), close(fds[1]);
     g_fail_next_fclose = true;  // a close failure discards the size already taken
