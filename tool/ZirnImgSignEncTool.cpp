@@ -1,6 +1,8 @@
 // ZirnImgSignEnTool: turns a plain zirn image into a protected image
 // (encrypted, signed, self-verified, with header).  Exit status 0 on success,
 // 255 on any failure; all messages go to standard output.
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +88,13 @@ int iRun(int argc, char *argv[])
     printf("Succeed to process zirn img prot cfg file (%s) !!!\n", cfg_path);
 
     printf("Star to protect zirn image binary file (%s)!!!\n", in_path);
+    // The size query is 32-bit and would take a larger file for its low bits.  A file that cannot
+    // be looked at is left to the size query, which reports it.
+    struct stat st;
+    if (stat(in_path, &st) == 0 && uint64_t(st.st_size) > UINT32_MAX) {
+        printf("Error: zirn image binary file (%s) is 4 GiB or larger, which the image format cannot hold\n", in_path);
+        return -1;
+    }
     const uint32_t n = ui4GetFileSz(in_path);
     if (n == 0) {
         printf("Error: file of zirn image binary file (%s) is 0\n", in_path);

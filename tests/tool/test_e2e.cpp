@@ -124,15 +124,20 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
                                                  "<dump of 256 bytes>\nInput Data =>\n<dump of 256 bytes>\nError: fail to peform pcks#1 pss encode for the encrypted zirn image\n" + failed},
         {{job.cfg, job.in, no_dir, "0x1000"}, "..." + kDumps + "Succeed to verify the signature of zirn image\nError: fail to open the file for the protected zirn image with header (" + no_dir + ")\n" + failed},
     };
-    // Inputs that are not regular files are refused as unopenable, without blocking or reading.
-    const std::string fifo = job.dir + "/fifo", dir = job.dir + "/dir",
+    // Inputs that are not regular files are refused as unopenable, without blocking or reading;
+    // an image of 4 GiB or more before it is read.
+    const std::string fifo = job.dir + "/fifo", dir = job.dir + "/dir", big = job.dir + "/big.img",
                       no_cfg = "Error: fail to open file (%)\nError: fail to process zirn img prot cfg file (%) !!!\n";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     std::filesystem::create_directory(dir);
+    zt::write_file(big, "");
+    std::filesystem::resize_file(big, (uint64_t(1) << 32) + 16);  // sparse; read as 16 bytes before
     for (const std::string &cfg : {fifo, "/dev/zero"s, dir})
         cases.push_back({{cfg, job.in, job.out, "0x1000"}, fill(cfg_head + no_cfg, cfg)});
     cases.push_back({{job.cfg, fifo, job.out, "0x1f"}, job.head(sz1f, fifo) + fill("Error: fail to open file (%) for "
                      "getting file size\nError: file of zirn image binary file (%) is 0\n", fifo)});
+    cases.push_back({{job.cfg, big, job.out, "0x1f"}, job.head(sz1f, big) + "Error: zirn image binary file (" + big +
+                     ") is 4 GiB or larger, which the image format cannot hold\n"});
     for (const char *sz : {"0x", "0x0", "0xzz"}) cases.push_back({{job.cfg, job.in, job.out, sz}, kInfo + fill(size_fail, sz)});
     for (const char *sz : {"1000", "0x000001000", "", "00x10"}) cases.push_back({{job.cfg, job.in, job.out, sz}, kInfo + fill(format + size_fail, sz)});
     // A run that blocks or loops is stopped, so that it fails instead of hanging the suite.
@@ -146,6 +151,7 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
         std::filesystem::remove(job.out);
     }
     runner.empty() ? unsetenv("ZIRN_TEST_RUNNER") : setenv("ZIRN_TEST_RUNNER", runner.c_str(), 1);
+    std::filesystem::remove(big);
     // The private exponent of another key: signing succeeds and the check rejects it (decoder checks or hash).
     const zt::Run r = zt::run(ZIRN_TOOL_EXE, {foreign_cfg, job.in, job.out, "0x1000"});
     const std::string masked = mask_dumps(r.out), tail = masked.substr(masked.find(kDumps) + kDumps.size()),
