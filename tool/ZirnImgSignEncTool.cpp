@@ -2,6 +2,7 @@
 // (encrypted, signed, self-verified, with header).  Exit status 0 on success,
 // 255 on any failure; all messages go to standard output.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -121,6 +122,23 @@ int iRun(int argc, char *argv[])
     return 0;
 }
 
+// Standard output carries the parsed configuration, secrets included: its buffer is ours, so
+// that it can be wiped once everything has been written.
+char g_stdout_buf[BUFSIZ];
+
+// An exit handler: runs before the C library's own last flush, which then has nothing to write.
+void vFlushAndWipeStdout()
+{
+    fflush(stdout);
+    vWipeTextBufV10(g_stdout_buf, sizeof g_stdout_buf);
+}
+
 }  // namespace
 
-int main(int argc, char *argv[]) { return iRun(argc, argv); }
+int main(int argc, char *argv[])
+{
+    // The buffering the C library would choose on its own, in a buffer of our own.
+    setvbuf(stdout, g_stdout_buf, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, sizeof g_stdout_buf);
+    atexit(vFlushAndWipeStdout);
+    return iRun(argc, argv);
+}

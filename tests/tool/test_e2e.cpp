@@ -162,6 +162,21 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
     EXPECT_EQ(std::pair(r.status, zt::file_exists(job.out)), std::pair(255, false));
 }
 
+// Standard output carried the text of the secrets: once the run is over, whatever its outcome,
+// its buffer holds none of it.
+TEST(Signer, LeavesStandardOutputBufferWiped)
+{
+    const Job job(100);
+    setenv("ZIRN_STDOUT_CHECK", "1", 1);
+    for (auto [args, status] : {std::pair{std::vector<std::string>{job.cfg, job.in, job.out, "0x1000"}, 0},
+                                {{job.cfg, job.dir + "/none", job.out, "0x1000"}, 255},
+                                {{}, 255}}) {
+        const zt::Run r = zt::run(ZIRN_FAULTS_EXE, args);
+        EXPECT_EQ(std::tuple(r.status, r.out.empty(), r.err), std::tuple(status, false, "stdout buffer wiped\n"s));
+    }
+    unsetenv("ZIRN_STDOUT_CHECK");
+}
+
 // A full device, a full disk at each write and at the close, an input that shrinks between the size
 // query and the read, a directory as input or output, a read-only folder, and every allocation of a
 // run failing in turn: each gives its documented messages and status 255, nothing leaks (the sanitizer build
