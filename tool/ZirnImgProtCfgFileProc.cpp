@@ -2,9 +2,13 @@
 // parameter record, converts its "0x" hex values, and sizes files.
 #include "ZirnImgProtCfgFileProc.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +21,8 @@ namespace {
 // plus the terminator here; a longer physical line arrives in pieces, each
 // parsed as a line of its own.  Static: one parse at a time.
 char lauc_line[4096];
+// The configuration stream's read buffer, ours so that it can be wiped.
+char lauc_cfg_iobuf[BUFSIZ];
 
 // One configuration key: where its value goes in ImgProtParam and how a
 // failed conversion is reported.
@@ -65,7 +71,76 @@ int32_t liHexDigitVal(char c)
     return -1;
 }
 
+// Parses the line in lauc_line into the record and prints it.  Returns 0 to go on, or the
+// result code of a value that failed to convert.
+int32_t liParseCfgLine(ImgProtParam *param)
+{
+    size_t pos = 0;
+    while (pos < sizeof lauc_line && lauc_line[pos] == ' ') pos++;
+    if (pos == sizeof lauc_line) return 0;
+
+    // Column 1 only: an empty line or a comment starting the line.
+    if (lauc_line[0] == '\n' || lauc_line[0] == '#') return 0;
+
+    char *key = strtok(&lauc_line[pos], " ");
+    // Nothing but blanks up to the end of the text (a last line without
+    // a line end, or blanks before a NUL byte): same as an empty line.
+    if (key == nullptr) return 0;
+    if (key[0] == '\n' || key[0] == '#') {
+        printf("Skip Comment/Empty line (%s)\n", key);
+        return 0;
+    }
+    char *sep = strtok(nullptr, " ");  // by convention "=", never examined
+    char *val = strtok(nullptr, " \n");
+
+    const CfgKey *k = lpstFindCfgKey(key);
+    if (k != nullptr) {
+        if (iConvHexStrToValBuf(val, reinterpret_cast<uint8_t *>(param) + k->offset, k->bytes) != 0) {
+            printf(k->err_fmt, lpcTokText(val));
+            return k->result;
+        }
+        vPutLE32(param->keys_seen, ui4GetLE32(param->keys_seen) | k->seen);
+    } else {
+        printf("Skip ");
+    }
+    printf("Parsing Line Below =>\n%s %s %s\n", key, lpcTokText(sep), lpcTokText(val));
+    return 0;
+}
+
 }  // namespace
+
+FILE *pfOpenRegFileV10(const char *path, const char *mode)
+{
+    // Non-blocking, so that opening a FIFO without a writer returns at once; nothing is read
+    // before the type is known.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    int err = EINVAL;
+    if (fstat(fd, &st) != 0) {
+        err = errno;
+    } else if (S_ISREG(st.st_mode)) {
+        const int flags = fcntl(fd, F_GETFL);
+        if (flags == -1 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
+            err = errno;
+        } else if (FILE *fp = fdopen(fd, mode); fp != nullptr) {
+            return fp;
+        } else {
+            err = errno;
+        }
+    }
+    close(fd);
+    errno = err;
+    return nullptr;
+}
+
+void vWipeTextBufV10(void *buf, size_t len)
+{
+    volatile char *p = static_cast<volatile char *>(buf);
+    for (size_t i = 0; i < len; i++) p[i] = 0;
+}
+
+std::array<std::span<const char>, 2> aspCfgTextBufsV10() { return {lauc_line, lauc_cfg_iobuf}; }
 
 int32_t iConvHexStrToValBuf(const char *str, uint8_t *buf, int32_t len)
 {
@@ -116,48 +191,25 @@ int32_t iProcZIRNImgProtCfgFileV10(const char *path, ImgProtParam *param)
         printf("Error: Parameter structure is NULL\n");
         return -1;
     }
-    FILE *fp = fopen(path, "r");
+    FILE *fp = pfOpenRegFileV10(path, "r");
     if (fp == nullptr) {
         printf("Error: fail to open file (%s)\n", path);
         return -2;
     }
+    // Before the first read, so that the file's text lands nowhere but in buffers we wipe.
+    setvbuf(fp, lauc_cfg_iobuf, _IOFBF, sizeof lauc_cfg_iobuf);
 
-    uint8_t *const rec = reinterpret_cast<uint8_t *>(param);
     int32_t result = 0;
     while (fgets(lauc_line, sizeof lauc_line, fp) != nullptr) {
-        size_t pos = 0;
-        while (pos < sizeof lauc_line && lauc_line[pos] == ' ') pos++;
-        if (pos == sizeof lauc_line) continue;
-
-        // Column 1 only: an empty line or a comment starting the line.
-        if (lauc_line[0] == '\n' || lauc_line[0] == '#') continue;
-
-        char *key = strtok(&lauc_line[pos], " ");
-        // Nothing but blanks up to the end of the text (a last line without
-        // a line end, or blanks before a NUL byte): same as an empty line.
-        if (key == nullptr) continue;
-        if (key[0] == '\n' || key[0] == '#') {
-            printf("Skip Comment/Empty line (%s)\n", key);
-            continue;
-        }
-        char *sep = strtok(nullptr, " ");  // by convention "=", never examined
-        char *val = strtok(nullptr, " \n");
-
-        const CfgKey *k = lpstFindCfgKey(key);
-        if (k != nullptr) {
-            if (iConvHexStrToValBuf(val, rec + k->offset, k->bytes) != 0) {
-                printf(k->err_fmt, lpcTokText(val));
-                result = k->result;
-                break;
-            }
-            vPutLE32(param->keys_seen, ui4GetLE32(param->keys_seen) | k->seen);
-        } else {
-            printf("Skip ");
-        }
-        printf("Parsing Line Below =>\n%s %s %s\n", key, lpcTokText(sep), lpcTokText(val));
+        result = liParseCfgLine(param);
+        vWipeTextBufV10(lauc_line, sizeof lauc_line);
+        if (result != 0) break;
     }
+    vWipeTextBufV10(lauc_line, sizeof lauc_line);  // a failed read may leave text there
 
-    if (fclose(fp) != 0) {
+    const int closed = fclose(fp);
+    vWipeTextBufV10(lauc_cfg_iobuf, sizeof lauc_cfg_iobuf);
+    if (closed != 0) {
         printf("Error: fail to close file (%s)\n", path);
         return -3;
     }
@@ -170,7 +222,7 @@ uint32_t ui4GetFileSz(const char *path)
         printf("Error: No file name for getting file size\n");
         return 0;
     }
-    FILE *fp = fopen(path, "rb");
+    FILE *fp = pfOpenRegFileV10(path, "rb");
     if (fp == nullptr) {
         printf("Error: fail to open file (%s) for getting file size\n", path);
         return 0;
@@ -220,7 +272,7 @@ uint8_t *lpucAllocImage(uint32_t size)
 
 uint8_t *pucReadZIRNImgV10(const char *path, uint32_t plain_size)
 {
-    FILE *fp = fopen(path, "r");
+    FILE *fp = pfOpenRegFileV10(path, "r");
     if (fp == nullptr) {
         printf("Error: fail to open zirn image binary file (%s)\n", path);
         return nullptr;

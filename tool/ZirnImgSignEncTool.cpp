@@ -1,6 +1,9 @@
 // ZirnImgSignEnTool: turns a plain zirn image into a protected image
 // (encrypted, signed, self-verified, with header).  Exit status 0 on success,
 // 255 on any failure; all messages go to standard output.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +89,13 @@ int iRun(int argc, char *argv[])
     printf("Succeed to process zirn img prot cfg file (%s) !!!\n", cfg_path);
 
     printf("Star to protect zirn image binary file (%s)!!!\n", in_path);
+    // The size query is 32-bit and would take a larger file for its low bits.  A file that cannot
+    // be looked at is left to the size query, which reports it.
+    struct stat st;
+    if (stat(in_path, &st) == 0 && uint64_t(st.st_size) > UINT32_MAX) {
+        printf("Error: zirn image binary file (%s) is 4 GiB or larger, which the image format cannot hold\n", in_path);
+        return -1;
+    }
     const uint32_t n = ui4GetFileSz(in_path);
     if (n == 0) {
         printf("Error: file of zirn image binary file (%s) is 0\n", in_path);
@@ -112,6 +122,23 @@ int iRun(int argc, char *argv[])
     return 0;
 }
 
+// Standard output carries the parsed configuration, secrets included: its buffer is ours, so
+// that it can be wiped once everything has been written.
+char g_stdout_buf[BUFSIZ];
+
+// An exit handler: runs before the C library's own last flush, which then has nothing to write.
+void vFlushAndWipeStdout()
+{
+    fflush(stdout);
+    vWipeTextBufV10(g_stdout_buf, sizeof g_stdout_buf);
+}
+
 }  // namespace
 
-int main(int argc, char *argv[]) { return iRun(argc, argv); }
+int main(int argc, char *argv[])
+{
+    // The buffering the C library would choose on its own, in a buffer of our own.
+    setvbuf(stdout, g_stdout_buf, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, sizeof g_stdout_buf);
+    atexit(vFlushAndWipeStdout);
+    return iRun(argc, argv);
+}

@@ -2,6 +2,7 @@
 // fwrite and fclose are linked through these wrappers (-Wl,--wrap=...), and ZIRN_FAULT=KIND:N
 // (KIND alloc, fread, fwrite or fclose) makes the N-th such call fail as a full disk or an
 // exhausted heap would.  With N = 0 nothing fails and the number of calls is printed at exit.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +30,17 @@ bool fails(const char *kind)
         atexit(report);
     return strcmp(kind, g_kind) == 0 && ++g_calls == g_fail_at && (errno = strcmp(kind, "alloc") ? ENOSPC : ENOMEM);
 }
+
+// With ZIRN_STDOUT_CHECK set, says on standard error after the program's own exit handlers
+// whether standard output's buffer (glibc's FILE) still holds any byte of what was printed.
+struct StdoutCheck {
+    ~StdoutCheck()
+    {
+        const char *p = stdout->_IO_buf_base, *end = stdout->_IO_buf_end;
+        const bool wiped = p != nullptr && std::all_of(p, end, [](char c) { return c == 0; });
+        if (getenv("ZIRN_STDOUT_CHECK") != nullptr) fprintf(stderr, "stdout buffer %s\n", wiped ? "wiped" : "holds text");
+    }
+} g_stdout_check;
 
 }  // namespace
 

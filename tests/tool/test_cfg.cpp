@@ -12,9 +12,15 @@
 using namespace std::string_literals;
 
 // Linked with --wrap=fclose: when set, the next fclose closes the stream but reports failure.
+// The read buffer of the first stream closed after g_closed_buf was reset is kept (glibc's FILE).
 extern "C" int __real_fclose(FILE *fp);
 static bool g_fail_next_fclose = false;
-extern "C" int __wrap_fclose(FILE *fp) { return __real_fclose(fp) == 0 && !std::exchange(g_fail_next_fclose, false) ? 0 : EOF; }
+static const char *g_closed_buf = nullptr;
+extern "C" int __wrap_fclose(FILE *fp)
+{
+    if (g_closed_buf == nullptr) g_closed_buf = fp->_IO_buf_base;
+    return __real_fclose(fp) == 0 && !std::exchange(g_fail_next_fclose, false) ? 0 : EOF;
+}
 
 namespace {
 
@@ -91,7 +97,7 @@ TEST(CfgParse, KeysValuesAndTheirFailures)
 TEST(CfgParse, FilesArgumentsAndClosing)
 {
     const std::string dir = zt::temp_dir(), path = dir + "/ok.cfg", missing = dir + "/none.cfg";
-    EXPECT_EQ(parse("", dir), std::tuple(0, "", record({}, 0)));  // a directory opens but reads nothing
+    EXPECT_EQ(parse("", dir), std::tuple(-2, "Error: fail to open file (" + dir + ")\n", record({}, 0)));  // not a regular file
     ImgProtParam p{};
     for (auto [file, param, rc, out] : {std::tuple{(const char *)nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is NULL\n"s},
                                         {path.c_str(), nullptr, -1, "Error: Parameter structure is NULL\n"s},
@@ -99,6 +105,23 @@ TEST(CfgParse, FilesArgumentsAndClosing)
         EXPECT_EQ(zt::printed([&, file = file, param = param] { return iProcZIRNImgProtCfgFileV10(file, param); }), std::pair(rc, out));
     g_fail_next_fclose = true;  // a close failure overrides the result
     EXPECT_EQ(parse(V + "\n", path), std::tuple(-3, R + V + "\nError: fail to close file (" + path + ")\n", record({{15, "0102"}}, 1)));
+}
+
+// The AES key and the private exponent leave no copy of their text in the buffers the file was
+// read through (the stream's own buffer among them), however the parse ends.
+TEST(CfgParse, LeavesNoTextOfTheSecretsBehind)
+{
+    const std::string key(64, 'e'), d(512, 'd'), cfg = "ENC_PARAM = 0x" + key + "\nAUTH_PARAM_D = 0x", path = zt::temp_dir() + "/s";
+    for (auto [content, close_fails, rc] : {std::tuple{cfg + d + "\n", false, 0},
+                                            {cfg + d.substr(0, 300) + "z\n", false, -8},  // stops at a bad digit
+                                            {cfg + d + "\n", true, -3}}) {
+        g_fail_next_fclose = close_fails, g_closed_buf = nullptr;
+        EXPECT_EQ(std::get<0>(parse(content, path)), rc);
+        const auto bufs = aspCfgTextBufsV10();
+        EXPECT_EQ(g_closed_buf, bufs[1].data());
+        for (const std::string_view buf : {std::string_view(bufs[0].data(), bufs[0].size()), std::string_view(bufs[1].data(), bufs[1].size())})
+            EXPECT_TRUE(buf.find(key.substr(0, 16)) == buf.npos && buf.find(d.substr(0, 16)) == buf.npos) << rc;
+    }
 }
 
 TEST(HexConv, ResultCodesMessagesAndBytes)
@@ -122,11 +145,11 @@ TEST(FileSize, ResultsAndMessages)
     zt::write_file(empty, "");
     zt::write_file(normal, zt::Bytes(12345, 0x42));
     int fds[2];
-    ASSERT_EQ(pipe(fds), 0);  // cannot seek; reopening its read end does not block while we hold the write end
+    ASSERT_EQ(pipe(fds), 0);  // not a regular file: refused as unopenable
     const std::string pipe_path = "/proc/self/fd/" + std::to_string(fds[0]), at = ") for getting file size\n";
     for (auto [path, size, out] : {std::tuple{(const char *)nullptr, 0u, "Error: No file name for getting file size\n"s}, {empty.c_str(), 0u, ""s},
                                    {normal.c_str(), 12345u, ""s}, {missing.c_str(), 0u, "Error: fail to open file (" + missing + at},
-                                   {pipe_path.c_str(), 0u, "Error: fail to seek file (" + pipe_path + at}})
+                                   {pipe_path.c_str(), 0u, "Error: fail to open file (" + pipe_path + at}})
         EXPECT_EQ(zt::printed([&, path = path] { return ui4GetFileSz(path); }), std::pair(size, out));
     close(fds[0]), close(fds[1]);
     g_fail_next_fclose = true;  // a close failure discards the size already taken

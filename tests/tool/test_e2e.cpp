@@ -2,12 +2,15 @@
 // exit status compared with the documented messages.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <sstream>
 
 #include "oracle.h"
 
 using zt::Bytes;
+using namespace std::string_literals;
 
 namespace {
 
@@ -121,14 +124,34 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
                                                  "<dump of 256 bytes>\nInput Data =>\n<dump of 256 bytes>\nError: fail to peform pcks#1 pss encode for the encrypted zirn image\n" + failed},
         {{job.cfg, job.in, no_dir, "0x1000"}, "..." + kDumps + "Succeed to verify the signature of zirn image\nError: fail to open the file for the protected zirn image with header (" + no_dir + ")\n" + failed},
     };
+    // Inputs that are not regular files are refused as unopenable, without blocking or reading;
+    // an image of 4 GiB or more before it is read.
+    const std::string fifo = job.dir + "/fifo", dir = job.dir + "/dir", big = job.dir + "/big.img",
+                      no_cfg = "Error: fail to open file (%)\nError: fail to process zirn img prot cfg file (%) !!!\n";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::filesystem::create_directory(dir);
+    zt::write_file(big, "");
+    std::filesystem::resize_file(big, (uint64_t(1) << 32) + 16);  // sparse; read as 16 bytes before
+    for (const std::string &cfg : {fifo, "/dev/zero"s, dir})
+        cases.push_back({{cfg, job.in, job.out, "0x1000"}, fill(cfg_head + no_cfg, cfg)});
+    cases.push_back({{job.cfg, fifo, job.out, "0x1f"}, job.head(sz1f, fifo) + fill("Error: fail to open file (%) for "
+                     "getting file size\nError: file of zirn image binary file (%) is 0\n", fifo)});
+    cases.push_back({{job.cfg, big, job.out, "0x1f"}, job.head(sz1f, big) + "Error: zirn image binary file (" + big +
+                     ") is 4 GiB or larger, which the image format cannot hold\n"});
     for (const char *sz : {"0x", "0x0", "0xzz"}) cases.push_back({{job.cfg, job.in, job.out, sz}, kInfo + fill(size_fail, sz)});
     for (const char *sz : {"1000", "0x000001000", "", "00x10"}) cases.push_back({{job.cfg, job.in, job.out, sz}, kInfo + fill(format + size_fail, sz)});
+    // A run that blocks or loops is stopped, so that it fails instead of hanging the suite.
+    const std::string runner = getenv("ZIRN_TEST_RUNNER") ? getenv("ZIRN_TEST_RUNNER") : "";
+    setenv("ZIRN_TEST_RUNNER", ("timeout 120 " + runner).c_str(), 1);
     for (const auto &[args, want] : cases) {
         const zt::Run r = zt::run(ZIRN_TOOL_EXE, args);
         const std::string masked = mask_dumps(r.out);
         const std::string got = want.rfind("...", 0) == 0 ? "..." + masked.substr(masked.size() - std::min(masked.size(), want.size() - 3)) : r.out;
         EXPECT_EQ(std::tuple(r.status, got, zt::file_exists(job.out) || zt::file_exists(no_dir)), std::tuple(255, want, false));
+        std::filesystem::remove(job.out);
     }
+    runner.empty() ? unsetenv("ZIRN_TEST_RUNNER") : setenv("ZIRN_TEST_RUNNER", runner.c_str(), 1);
+    std::filesystem::remove(big);
     // The private exponent of another key: signing succeeds and the check rejects it (decoder checks or hash).
     const zt::Run r = zt::run(ZIRN_TOOL_EXE, {foreign_cfg, job.in, job.out, "0x1000"});
     const std::string masked = mask_dumps(r.out), tail = masked.substr(masked.find(kDumps) + kDumps.size()),
@@ -137,6 +160,21 @@ TEST(Signer, FailuresPrintTheirCascadeAndWriteNothing)
                 tail == "Error: the verification result (by using platform flow) is incorrect se platform flow to verify signature for the encrypted zirn image\n" + failed)
         << tail;
     EXPECT_EQ(std::pair(r.status, zt::file_exists(job.out)), std::pair(255, false));
+}
+
+// Standard output carried the text of the secrets: once the run is over, whatever its outcome,
+// its buffer holds none of it.
+TEST(Signer, LeavesStandardOutputBufferWiped)
+{
+    const Job job(100);
+    setenv("ZIRN_STDOUT_CHECK", "1", 1);
+    for (auto [args, status] : {std::pair{std::vector<std::string>{job.cfg, job.in, job.out, "0x1000"}, 0},
+                                {{job.cfg, job.dir + "/none", job.out, "0x1000"}, 255},
+                                {{}, 255}}) {
+        const zt::Run r = zt::run(ZIRN_FAULTS_EXE, args);
+        EXPECT_EQ(std::tuple(r.status, r.out.empty(), r.err), std::tuple(status, false, "stdout buffer wiped\n"s));
+    }
+    unsetenv("ZIRN_STDOUT_CHECK");
 }
 
 // A full device, a full disk at each write and at the close, an input that shrinks between the size
@@ -156,7 +194,6 @@ TEST(Signer, FileSystemFaultsAndEveryAllocationFailing)
         std::filesystem::remove(job.out);
         return std::tuple(r, left);
     };
-    const std::string size_fail = "Error: the required external memory size (2097152) should be larger than the size (0) of the encrypted zirn image\n";
     const std::string full = "/dev/full", full_close = "Error: fail to close the file for the protected zirn image with header (/dev/full)\n",
                       full_data = "Error: fail to write protected image data (100000) to the file (/dev/full)\n";
     const std::tuple<std::string, std::string, std::string, std::vector<std::string>, std::vector<int>> rows[] = {  // fault, in, out, tails, left
@@ -168,7 +205,7 @@ TEST(Signer, FileSystemFaultsAndEveryAllocationFailing)
         {"fread:1", job.in, job.out, {"Error: fail to read data (100000) from zirn image binary file (" + job.in + ")\n"}, {-1}},
         {"fclose:3", job.in, job.out, {"Error: fail to close zirn image binary file (" + job.in + ")\n"}, {-1}},
         {"fclose:2", job.in, job.out, {"Error: fail to close file (" + job.in + ") for getting file size\nError: file of zirn image binary file (" + job.in + ") is 0\n"}, {-1}},
-        {"none:0", dir, job.out, {size_fail}, {-1}},  // a directory's size query is unguarded and reads as 0xFFFFFFFF
+        {"none:0", dir, job.out, {"Error: fail to open file (" + dir + ") for getting file size\nError: file of zirn image binary file (" + dir + ") is 0\n"}, {-1}},
         {"none:0", job.in, dir, {"Error: fail to open the file for the protected zirn image with header (" + dir + ")\n" + failed}, {-1}},
         {"none:0", job.in, "/proc/zirn.prot", {"Error: fail to open the file for the protected zirn image with header (/proc/zirn.prot)\n" + failed}, {-1}},
     };
