@@ -1,6 +1,6 @@
 // Configuration unit: the protection configuration file parser, its hex
-// conversion, the file size query and the other inputs of a protection run
-// that the signer and its companion share.  All messages go to standard output.
+// conversion, the file size query and the other inputs of a protection run.
+// All messages go to standard output.
 #pragma once
 
 #include <array>
