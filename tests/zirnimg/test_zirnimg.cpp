@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <set>
 
 #include "oracle.h"
@@ -99,8 +100,15 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
     zt::write_file(d + "/short.sig", Bytes(255, 1));
     zt::write_file(d + "/zero.sig", Bytes(256, 0));
     std::filesystem::create_directory(d + "/dir");
-    const std::string out = d + "/out";
+    const std::string out = d + "/out", pem = ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem";
+    zt::write_file(d + "/good.sig", zt::sign_digest(0, zt::sha256(zt::read_file(u)), 32));
     const std::tuple<std::vector<std::string>, int, std::string> rows[] = {
+        {{"decrypt", prot, "--cfg", k.nod, "-o", out}, 0, ""}, {{"prepare", k.nod, d + "/plain", out, "512"}, 0, ""},
+        {{"stitch", u, d + "/good.sig", "-o", out}, 0, ""}, {{"sign", k.cfg, d + "/plain", out, "0x200"}, 0, ""},
+        {{"keycfg", "--key", pem, "-o", out}, 0, ""}, {{"pubhash", "--key", pem}, 0, ""}, {{"verify", prot, "--key", pem}, 0, ""},
+        {{"sign", k.nod, d + "/plain", out, "0x200"}, 6, "no AUTH_PARAM_D"},
+        {{"sign", k.nod, d + "/plain", out, "0x200", "--key", ZIRN_VECTORS_DIR "/second_key.pem"}, 3, "nothing was signed"},
+        {{"sign", k.nod, d + "/plain", out, "0x200", "--signing-helper", "/bin/false"}, 14, ""}, {{"keycfg", "--key", d + "/none", "-o", out}, 5, ""},
         {{}, 2, "no command given"}, {{"bogus", prot}, 2, "unknown command"}, {{"info"}, 2, "usage: zirnimg info IMAGE"},
         {{"info", prot, "--bogus"}, 2, "unknown option --bogus"}, {{"verify", prot, "--key-hash"}, 2, "needs a value"},
         {{"verify", prot, "--key-hash", "12"}, 2, "64 hex digits"}, {{"verify", prot, "--key-hash", kh, "--cfg", k.cfg}, 2, "takes one of"},
@@ -112,7 +120,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"verify", prot, "--cfg", k.other}, 3, "not for the key pinned"}, {{"decrypt", prot, "--cfg", k.other, "-o", out}, 3, "not signed for the key"},
         {{"info", d + "/empty"}, 4, "truncated"}, {{"verify", image("hdr", 0, {}, 575), "--no-pin"}, 4, "truncated"},
         {{"info", image("magic", 3, {'_'})}, 4, "magic"}, {{"info", image("binary", 0, {0xFF, 0xC3, 0x28, 0x80})}, 4, "magic"}, {{"verify", image("hdrsize", 8, {0x41}), "--no-pin"}, 4, "header size"},
-        {{"verify", image("enc15", 24, {0x71}), "--no-pin"}, 4, "multiple of 16"}, {{"verify", image("plain", 20, {0xFF, 0xFF, 0xFF, 0x7F}), "--no-pin"}, 4, "plain size"},
+        {{"verify", image("enc15", 24, {0x71}), "--no-pin"}, 4, "multiple of 16"}, {{"verify", image("plainsize", 20, {0xFF, 0xFF, 0xFF, 0x7F}), "--no-pin"}, 4, "plain size"},
         {{"verify", image("lying", 24, {0xF0, 0xFF, 0xFF, 0xFF}), "--no-pin"}, 4, "file size"},
         {{"verify", image("tail", 0, {}, good.size() + 16), "--no-pin"}, 4, "file size"},
         {{"verify", d + "/sparse", "--no-pin"}, 1, "does not verify"}, {{"stitch", u, d + "/short.sig", "-o", out}, 4, "exactly 256 bytes"},
@@ -130,14 +138,21 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         return std::set<std::string>(names.begin(), names.end());
     };
     const auto before = listing();
+    const std::map<std::string, std::vector<const char *>> documented = {
+        {"info", {"file", "magic", "key_hash", "signed", "consistent", "problems"}}, {"verify", {"file", "pinned", "key_hash", "signature"}},
+        {"decrypt", {"output", "plain_size"}}, {"pubhash", {"key_hash"}}, {"prepare", {"unsigned_image", "digest"}},
+        {"stitch", {"output"}}, {"sign", {"output", "key", "key_hash", "digest"}}, {"keycfg", {"output", "key_hash", "private_exponent"}}};
     for (const auto &[args, status, message] : rows) {
         std::vector<std::string> json_args = args;
         json_args.push_back("--json");
-        const zt::Run r = z(args), rj = z(json_args);
+        const zt::Run r = z(args);
+        std::filesystem::remove(out);  // what a command that succeeded wrote
+        const zt::Run rj = z(json_args);
+        std::filesystem::remove(out);
         EXPECT_EQ(r.status, status) << args.size() << " " << r.err;
         EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
         EXPECT_EQ(status == 0 && message.empty(), r.err.empty()) << r.err;
-        EXPECT_EQ(listing(), before) << "a failed or read-only command left a file";
+        EXPECT_EQ(listing(), before) << "a command left a file behind";
         if (!args.empty() && (args.back() == "--help" || args[0][0] == '-')) continue;
         // --json: one strictly parsed document whatever the outcome, with the documented members.
         EXPECT_EQ(rj.status, status);
@@ -147,6 +162,8 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         EXPECT_EQ(doc.contains("error"), status != 0) << rj.out;
         EXPECT_TRUE(status == 0 || (doc["error"]["exit_code"] == status && doc["error"]["message"].is_string())) << rj.out;
         EXPECT_EQ(rj.out.find('\n'), rj.out.size() - 1) << rj.out;
+        for (const char *key : status != 0 ? std::vector<const char *>{} : documented.at(args[0])) EXPECT_TRUE(doc.contains(key)) << key << rj.out;
+        EXPECT_EQ(status == 1, doc.contains("error") && doc["error"].contains("diagnosis")) << rj.out;
     }
 }
 
