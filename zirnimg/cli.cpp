@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "config.h"
+#include "keysource.h"
 #include "report.h"
 #include "zirn_revision.h"
 
@@ -176,7 +177,9 @@ int iRun(int argc, char **argv)
         return EXIT_OK;
     }
     if (first == "--version") {
-        fprintf(g_out, "zirnimg %s (revision %s)\n", ZIRN_VERSION, ZIRN_REVISION);
+        fprintf(g_out, "zirnimg %s (revision %s)\nkey sources: configuration, signing helper, key files %s, PKCS#11 tokens %s\n",
+                ZIRN_VERSION, ZIRN_REVISION, zk::keyfile_available() ? "on" : "off (built without libcrypto)",
+                zk::pkcs11_available() ? "on" : "off (built without p11-kit)");
         return EXIT_OK;
     }
     const Command *c = nullptr;
