@@ -58,7 +58,7 @@ struct Files {
         zt::write_file(nod, text.substr(0, text.find("AUTH_PARAM_D")));
         std::mt19937_64 rng(5);
         zt::write_file(plain, zt::random_bytes(rng, 5000));
-        // The README's helper: $1 the key file (or a way to fail), $2 the fingerprint zirnimg adds.
+        // A helper like the README's: $1 the key file (or how to fail), $2 the fingerprint added.
         std::string script = R"(#!/bin/sh
 [ "$#" = 2 ] && [ "$2" = FP ] || exit 9
 case "$1" in fail) exit 3 ;; short) head -c 255 /dev/zero; exit 0 ;; esac
