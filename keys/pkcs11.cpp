@@ -317,7 +317,8 @@ KeyError TokenKey::pick_mechanism()
     CK_ULONG count = 0;
     std::vector<CK_MECHANISM_TYPE> list;
     if (f_->C_GetMechanismList(slot_, nullptr, &count) == CKR_OK) {
-        list.resize(count);
+        // Room for twice the list: p11-kit's remote client reads past the end of an exact one.
+        list.resize(2 * count);
         if (f_->C_GetMechanismList(slot_, list.data(), &count) != CKR_OK) count = 0;
         list.resize(count);
     }

@@ -3,14 +3,11 @@
 // OpenSSL; every failure must come back as its own KeyErr.
 #include <gtest/gtest.h>
 
-#include <glob.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "keysource.h"
 #include "oracle.h"
+#include "token.h"
 
 using zk::KeyErr;
 using zt::Bytes;
@@ -18,20 +15,6 @@ using zt::Bytes;
 namespace {
 
 const std::string dev_pem = ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem";
-
-std::string first_match(const std::string &pattern)
-{
-    glob_t g{};
-    std::string r = glob(pattern.c_str(), 0, nullptr, &g) == 0 ? g.gl_pathv[0] : "";
-    globfree(&g);
-    return r;
-}
-
-void sh(const std::string &exe, const std::vector<std::string> &args)
-{
-    const zt::Run r = zt::run(exe, args);
-    ASSERT_EQ(r.status, 0) << exe << ": " << r.err;
-}
 
 // Opens spec, then (when it opened) compares the modulus and checks a signature of a fresh digest.
 void check(const std::string &spec, const zk::KeyOptions &opt, KeyErr want, const Bytes &n,
@@ -53,62 +36,6 @@ void check(const std::string &spec, const zk::KeyOptions &opt, KeyErr want, cons
                 zt::pss_accepts_em(digest, zt::modexp(Bytes(sig, sig + 256), {1, 0, 1}, n), 2048))
         << row;
 }
-
-// A SoftHSM2 token "zirn" (PIN 123456) with k1 (RSA-2048, id 01) and small (RSA-1024), and
-// p11-kit's server exporting it on a Unix socket; built once per program.
-struct Token {
-    std::string dir = zt::temp_dir(), module, client, skip, conf;
-    Bytes n;
-    pid_t server = -1;
-    Token()
-    {
-        module = first_match("/usr/lib/*/softhsm/libsofthsm2.so");
-        client = first_match("/usr/lib/*/pkcs11/p11-kit-client.so");
-        const std::string server_exe = "/usr/libexec/p11-kit/p11-kit-server";
-        if (!zk::pkcs11_available() || module.empty() || client.empty() ||
-            access(server_exe.c_str(), X_OK) != 0 || access("/usr/bin/softhsm2-util", X_OK) != 0 ||
-            access("/usr/bin/pkcs11-tool", X_OK) != 0) {
-            skip = "needs p11-kit, SoftHSM2 and OpenSC's pkcs11-tool (scripts/install-deps.sh)";
-            return;
-        }
-        conf =
-            "directories.tokendir = " + dir + "\nobjectstore.backend = file\nlog.level = ERROR\n";
-        zt::write_file(dir + "/softhsm2.conf", conf);
-        setenv("SOFTHSM2_CONF", (dir + "/softhsm2.conf").c_str(), 1);
-        sh("/usr/bin/softhsm2-util", {"--init-token", "--free", "--label", "zirn", "--so-pin",
-                                      "87654321", "--pin", "123456"});
-        for (const char *k : {"rsa:2048 01 k1", "rsa:1024 02 small"}) {
-            std::istringstream w(k);
-            std::string type, id, label;
-            w >> type >> id >> label;
-            sh("/usr/bin/pkcs11-tool",
-               {"--module", module, "--login", "--pin", "123456", "--keypairgen", "--key-type",
-                type, "--id", id, "--label", label});
-        }
-        // The modulus to expect, read back by pkcs11-tool and parsed by the openssl command.
-        sh("/usr/bin/pkcs11-tool", {"--module", module, "--read-object", "--type", "pubkey", "--id",
-                                    "01", "-o", dir + "/k1.der"});
-        const zt::Run mod = zt::run("/usr/bin/openssl", {"rsa", "-pubin", "-inform", "DER", "-in",
-                                                         dir + "/k1.der", "-noout", "-modulus"});
-        n = zt::from_hex(mod.out.substr(mod.out.find('=') + 1, 512));
-        server = fork();
-        if (server == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlives the test program
-            freopen("/dev/null", "w", stdout);
-            execl(server_exe.c_str(), "p11-kit-server", "-f", "--provider", module.c_str(), "-n",
-                  (dir + "/sock").c_str(), "pkcs11:token=zirn", nullptr);
-            _exit(127);
-        }
-        for (int i = 0; i < 200 && !zt::file_exists(dir + "/sock"); i++) usleep(50000);
-        setenv("P11_KIT_SERVER_ADDRESS", ("unix:path=" + dir + "/sock").c_str(), 1);
-    }
-    ~Token()
-    {
-        if (server <= 0) return;
-        kill(server, SIGTERM);
-        waitpid(server, nullptr, 0);
-    }
-};
 
 }  // namespace
 
@@ -149,7 +76,7 @@ TEST(Keys, KeyFiles)
         {"rsa", "-in", dev_pem, "-pubout", "-out", d + "/pub.pem"},
         {"genrsa", "-out", d + "/small.pem", "1024"},
     };
-    for (const auto &args : make) sh("/usr/bin/openssl", args);
+    for (const auto &args : make) zt::sh("/usr/bin/openssl", args);
     zt::write_file(d + "/pass", "s3cret\nsecond line\n");
     zt::write_file(d + "/wrong", "s3cre7\n");
     setenv("ZIRN_TEST_PASS", "s3cret", 1);
@@ -184,7 +111,7 @@ TEST(Keys, KeyFiles)
 TEST(Keys, TokenDirectAndThroughServer)
 {
     ASSERT_TRUE(freopen("/dev/null", "r", stdin));
-    static Token t;
+    const zt::Token &t = zt::token();
     if (!t.skip.empty()) GTEST_SKIP() << t.skip;
     ASSERT_EQ(t.n.size(), 256u);
     zt::write_file(t.dir + "/pin", "123456\n");
