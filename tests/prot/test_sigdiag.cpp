@@ -36,6 +36,8 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
     };
     Bytes valid = pss(32), random = zt::random_bytes(rng, 256), n_minus_1 = n;
     while (plus_n(valid, n).empty()) valid = pss(32);  // PSS salts are fresh: some sums fit
+    Bytes foreign = pss(32, "SHA256", {}, kOtherKey);  // below n, or it is refused as such
+    while (memcmp(foreign.data(), n.data(), 256) >= 0) foreign = pss(32, "SHA256", {}, kOtherKey);
     random[0] = 0x01;
     n_minus_1[255]--;  // n is odd
     struct Row {
@@ -55,7 +57,7 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         {"MGF1-SHA1 salt 20", pss(20, "SHA1"), digest, "mgf1_hash", 20, "SHA-1", "salt is 20 bytes"},
         {"hashed twice", pss(32, "SHA256", twice), digest, "digest_hashed_twice", 32, "SHA-256", "again"},
         {"content changed", valid, other, "content_changed", 32, "SHA-256", "changed after signing"},
-        {"another key", pss(32, "SHA256", {}, kOtherKey), digest, "wrong_key", -1, "", "another key"},
+        {"another key", foreign, digest, "wrong_key", -1, "", "another key"},
         {"random below n", random, digest, "wrong_key", -1, "", "another key"},
         {"n - 1", n_minus_1, digest, "wrong_key", -1, "", "another key"},
         {"s = n", n, digest, "signature_not_below_modulus", -1, "", "modulus"},
