@@ -169,8 +169,11 @@ TEST(Mpi, RepresentationAndKernels)
         EXPECT_EQ(std::tuple(a->used, a->alloc, zt::to_hex(mag(&a)), a->sign), std::tuple(used, alloc, out, MP_PLUS));
     }
     // Single-digit product and sum on exact-size arrays: every carry out of the top must grow them.
-    for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"}, {"ffff", 0xFFFF, "fffe0001", "1fffe"}, {"1ffff", 0xFFFF, "1fffd0001", "2fffe"},
-                                   {"ffffffffffff", 1, "ffffffffffff", "1000000000000"}, {"123456789", 0, "0", "123456789"}}) {
+    for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"},
+                                   {"ffff", 0xFFFF, "fffe0001", "1fffe"},
+                                   {"1ffff", 0xFFFF, "1fffd0001", "2fffe"},
+                                   {"ffffffffffff", 1, "ffffffffffff", "1000000000000"},
+                                   {"123456789", 0, "0", "123456789"}}) {
         Mp src;
         set_hex(&src, a);
         Mp p(&src), s(&src);
@@ -242,25 +245,25 @@ TEST(Mpi, EveryAllocationFailureIsClean)
     }
 }
 
-// Active in every build type, Release included.
-TEST(MpiDeathTest, PreconditionsAbortWithTheConditionText)
+// Active in every build type, Release included: a null or empty argument aborts, naming the call.
+TEST(MpiDeathTest, PreconditionsAbort)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     uint8_t byte = 1;
     mp_int raw{};
     Mp a;
     const std::pair<std::string, std::function<void()>> cases[] = {
-        {"mp_init_size: Assertion `mp != \\(\\(void \\*\\)0\\) && prec > 0'", [&] { mp_init_size(&raw, 0); }},
-        {"mp_init_copy: Assertion `mp != .* && from != ", [&] { s_mp_reduce(nullptr, &a, &a); }},
-        {"mp_copy: Assertion `from != .* && to != ", [&] { mp_copy(&a, nullptr); }},
-        {"mp_read_unsigned_bin: Assertion `mp != .* && str != .* && len > 0'", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
-        {"mp_to_unsigned_bin: Assertion `mp != .* && str != ", [&] { mp_to_unsigned_bin(&a, nullptr); }},
-        {"mp_cmp: Assertion `a != .* && b != ", [&] { mp_cmp(&a, nullptr); }},
-        {"mp_add: Assertion `a != .* && b != .* && c != ", [&] { mp_add(&a, nullptr, &a); }},
-        {"mp_sub: Assertion `a != .* && b != .* && c != ", [&] { mp_sub(nullptr, &a, &a); }},
-        {"mp_div: Assertion `a != .* && b != ", [&] { mp_div(&a, nullptr, &a, &a); }},
-        {"mp_mod: Assertion `a != .* && m != .* && c != ", [&] { mp_mod(&a, &a, nullptr); }},
-        {"mp_exptmod: Assertion `a != .* && b != .* && c != ", [&] { mp_exptmod(&a, &a, &a, nullptr); }},
+        {"mp_init_size", [&] { mp_init_size(&raw, 0); }},
+        {"mp_init_copy", [&] { s_mp_reduce(nullptr, &a, &a); }},
+        {"mp_copy", [&] { mp_copy(&a, nullptr); }},
+        {"mp_read_unsigned_bin", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
+        {"mp_to_unsigned_bin", [&] { mp_to_unsigned_bin(&a, nullptr); }},
+        {"mp_cmp", [&] { mp_cmp(&a, nullptr); }},
+        {"mp_add", [&] { mp_add(&a, nullptr, &a); }},
+        {"mp_sub", [&] { mp_sub(nullptr, &a, &a); }},
+        {"mp_div", [&] { mp_div(&a, nullptr, &a, &a); }},
+        {"mp_mod", [&] { mp_mod(&a, &a, nullptr); }},
+        {"mp_exptmod", [&] { mp_exptmod(&a, &a, &a, nullptr); }},
     };
-    for (const auto &[text, call] : cases) EXPECT_DEATH(call(), text);
+    for (const auto &[name, call] : cases) EXPECT_DEATH(call(), name + ": Assertion `");
 }
