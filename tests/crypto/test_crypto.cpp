@@ -30,7 +30,7 @@ const nlohmann::json &kat()
 Bytes hexv(const nlohmann::json &j) { return zt::from_hex(j.get<std::string>()); }
 
 using Op = void (*)(const uint8_t *key, const uint8_t *iv, const uint8_t *in, uint8_t *out, int32_t len);
-template <uint32_t (*op)(const uint8_t *, uint8_t *, uint32_t)>  // the predefined-key calls, which must succeed
+template <uint32_t (*op)(const uint8_t *, uint8_t *, uint32_t)>  // predefined key: must succeed
 void data(const uint8_t *, const uint8_t *, const uint8_t *in, uint8_t *out, int32_t n)
 {
     EXPECT_EQ(op(in, out, uint32_t(n)), 0u);
@@ -162,7 +162,7 @@ TEST(Aes, RandomCbcAndCtrMatchOpenSsl)
         Bytes iv = zt::random_bytes(rng, 16);
         if (iter % 5 == 0) std::fill(iv.begin() + long(rng() % 16), iv.end(), 0xff);
         Bytes want = zt::slice(zt::cipher(ctr ? "AES-128-CTR" : "AES-128-CBC", key, iv, in, !dec || ctr), 0, done);
-        want.insert(want.end(), in.begin() + long(done), in.end());  // in place: the rest of the input stays
+        want.insert(want.end(), in.begin() + long(done), in.end());  // in place: the rest stays
         const auto [sep, inplace] = apply(ctr ? vAES128CTR : dec ? vAES128CBCDec : vAES128CBCEnc, key, iv, in, len, rng() % 16);
         ASSERT_EQ(zt::slice(sep, 0, done), zt::slice(want, 0, done)) << iter;
         ASSERT_EQ(zt::slice(sep, done, sep.size() - done), Bytes(sep.size() - done, 0xa5)) << iter;

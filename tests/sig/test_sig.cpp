@@ -283,7 +283,7 @@ TEST(Pss, DecoderChecksInTheirOrder)
     for (const auto &[em, salt_len, bits, want] : cases)
         EXPECT_EQ(decode(digest, em, salt_len, bits), want) << zt::to_hex(em);
     EXPECT_EQ(decode(salt32, good), Verdict(0, 0, ""));  // another message hash
-    EXPECT_NE(std::get<1>(decode(digest, edit(good, 230, 1))), 1);  // a bit of H changes the whole mask
+    EXPECT_NE(std::get<1>(decode(digest, edit(good, 230, 1))), 1);  // a bit of H: another mask
 }
 
 TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
@@ -294,7 +294,7 @@ TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
     n_minus_1.back()--, n_plus_1.back()++;  // n is odd
     for (const Bytes &in : {Bytes(256, 0), {0x01}, n_minus_1, key.n, zt::random_bytes(rng, 255), zt::random_bytes(rng, 200)})
         EXPECT_EQ(exptmod(in, key.d, key.n), std::tuple(0, 256u, zt::modexp(in, key.d, key.n), ""s)) << zt::to_hex(in);  // n itself gives 0
-    // As long as the modulus as a number, not as given; the checks and their messages, nothing written.
+    // As long as the modulus as a number, not as given; the checks, messages, nothing written.
     EXPECT_EQ(exptmod({0x02}, key.e, padded(key.n, 257), 258), std::tuple(0, 256u, padded(zt::modexp({2}, key.e, key.n), 256) + 0xEE + 0xEE, ""s));
     EXPECT_EQ(exptmod({0x05}, {0x03}, {0, 0, 1, 0, 1}, 4), std::tuple(0, 3u, Bytes{0x00, 0x00, 0x7D, 0xEE}, ""s));  // 125
     EXPECT_EQ(exptmod(n_plus_1, key.d, key.n), std::tuple(-5, 256u, Bytes(256, 0xEE), "Error: rsa n is smaller than input data\nRSA N =>\n" +
@@ -311,7 +311,7 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
     in[0] = 0x01;  // a full-length value below n
     const std::string init_key = "Error: init tmp_key parameter for rsa operation\n";
     for (const Bytes *exp : {&key.e, &key.d}) {
-        // Allocations 1-3 set up the three integers; each read of more than 128 bytes then grows its
+        // Allocations 1-3 set up the three integers; each read of over 128 bytes then grows its
         // integer once; the rest belong to the exponentiation.
         std::vector<std::pair<int32_t, std::string>> steps = {
             {-2, "Error: init tmp parameter for rsa operation\n"}, {-3, init_key}, {-4, init_key}, {MP_NOMEM, "Error: fail to read input data =>\n" + dump(in)}};
@@ -367,7 +367,7 @@ TEST(WordRoute, MultiplyModAndExponent65537MatchBignum)
             for (uint32_t i = 0; ++above[i] == 0 && i < 63; i++) {
             }
             one[0] = 1, shifted[1 + rng() % 63] = 1, big[0] = uint32_t(rng()) | 0x80000000u;
-            if (n >= 2) top2[n - 2] = m[n - 2], top2[n - 1] = m[n - 1];  // big * (m's top two words): add back
+            if (n >= 2) top2[n - 2] = m[n - 2], top2[n - 1] = m[n - 1];  // big * m's top: add back
             const std::pair<Op, Op> pairs[] = {{random_op(rng, 64), random_op(rng, 64)}, {random_op(rng, n), random_op(rng, n)}, {m, one},
                                                {below, one}, {above, one}, {m, shifted}, {below, shifted}, {big, top2}, {Op{}, m},
                                                {random_op(rng, n / 2 + 1), random_op(rng, (n + 1) / 2)}};
