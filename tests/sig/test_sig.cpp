@@ -395,3 +395,24 @@ TEST(WordRoute, MultiplyModAndExponent65537MatchBignum)
     RSADecryption65537(random_op(rng, 64).data(), zero.data(), res.data());
     EXPECT_EQ(res, Op{});  // a zero modulus gives 0
 }
+
+// Shifts by 0, by bits, by whole words and both, into another array and in place; the bits pushed
+// out of a bit shift come back.
+TEST(WordRoute, ShiftsMatchBignum)
+{
+    std::mt19937_64 rng(32);
+    for (uint32_t shift : {0u, 1u, 31u, 32u, 33u, 100u}) {
+        const Op a = random_op(rng, 64);
+        Op l{}, r{}, l_in = a, r_in = a;
+        zt::Bn wl(BN_new()), wr(BN_new());
+        BN_lshift(wl.get(), bn(a).get(), int(shift));
+        const uint32_t out = shift % 32 ? a[63 - shift / 32] >> (32 - shift % 32) : 0;
+        BN_mask_bits(wl.get(), 2048);
+        BN_rshift(wr.get(), bn(a).get(), int(shift));
+        ASSERT_EQ(mpShiftLeft(l.data(), a.data(), shift, 64), out);
+        mpShiftLeft(l_in.data(), l_in.data(), shift, 64), mpShiftRight(r_in.data(), r_in.data(), shift, 64);
+        mpShiftRight(r.data(), a.data(), shift, 64);
+        const Op want_l = words(wl.get()), want_r = words(wr.get());
+        EXPECT_EQ(std::tuple(l, l_in, r, r_in), std::tuple(want_l, want_l, want_r, want_r)) << shift;
+    }
+}
