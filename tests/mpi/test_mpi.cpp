@@ -15,7 +15,7 @@ namespace {
 struct Mp {
     mp_int v{};
     Mp() { EXPECT_EQ(mp_init(&v), MP_OK); }
-    explicit Mp(const mp_int *from) { EXPECT_EQ(mp_init_copy(&v, from), MP_OK); }  // exact-size array
+    explicit Mp(const mp_int *from) { EXPECT_EQ(mp_init_copy(&v, from), MP_OK); }  // exact size
     Mp(const Mp &) = delete;
     ~Mp() { mp_clear(&v); }
     mp_int *operator&() { return &v; }
@@ -57,7 +57,7 @@ std::string same(const mp_int *got, const BIGNUM *want)
 }
 
 // lo..hi digits, a random sign; some with runs of 0x0000 / 0xFFFF digits, a top digit of 1 or
-// 0x8000, or only the digits 0, 1, 0x8000 and 0xFFFF: carries, borrows, skipped rows, normalisation.
+// 0x8000, or only the digits 0, 1, 0x8000, 0xFFFF: carries, borrows, skipped rows, normalisation.
 void random_mp(std::mt19937_64 &rng, mp_int *mp, uint32_t lo, uint32_t hi, bool negative_ok = true)
 {
     const unsigned style = unsigned(rng() % 8);
@@ -67,7 +67,7 @@ void random_mp(std::mt19937_64 &rng, mp_int *mp, uint32_t lo, uint32_t hi, bool 
         mp_digit d = style == 5 ? pick[rng() % 4] : mp_digit(rng());
         if ((style == 1 || style == 2) && rng() % 3 == 0) d = style == 1 ? 0xFFFF : 0;
         if (i == 0 && (style == 3 || style == 4)) d = style == 3 ? 1 : 0x8000;
-        b.insert(b.end(), {uint8_t(d >> 8), uint8_t(d | (i == 0 && d == 0))});  // a non-zero top digit
+        b.insert(b.end(), {uint8_t(d >> 8), uint8_t(d | (i == 0 && d == 0))});  // top digit not 0
     }
     set(mp, b, negative_ok && rng() % 2);
 }
@@ -152,7 +152,7 @@ TEST(Mpi, DocumentedCases)
                             : r.op == '%' ? mp_mod(&a, &b, &c) : mp_exptmod(&a, &b, &m, &c);
         EXPECT_EQ(std::tuple(code, (r.op == '/' ? hex(&q) + " " : "") + hex(&c), c->sign), std::tuple(r.code, r.want, MP_PLUS));
     }
-    for (int which = 0; which < 3; which++) {  // the result may be the base, the exponent or the modulus
+    for (int which = 0; which < 3; which++) {  // the result may be any operand
         Mp x[3];
         set_hex(&x[0], "123456789abcdef0123"), set_hex(&x[1], "fedcba98765"), set_hex(&x[2], "f123456789abcdef01234567");
         ASSERT_EQ(mp_exptmod(&x[0], &x[1], &x[2], &x[which]), MP_OK);
@@ -169,15 +169,18 @@ TEST(Mpi, RepresentationAndKernels)
         EXPECT_EQ(std::tuple(a->used, a->alloc, zt::to_hex(mag(&a)), a->sign), std::tuple(used, alloc, out, MP_PLUS));
     }
     // Single-digit product and sum on exact-size arrays: every carry out of the top must grow them.
-    for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"}, {"ffff", 0xFFFF, "fffe0001", "1fffe"}, {"1ffff", 0xFFFF, "1fffd0001", "2fffe"},
-                                   {"ffffffffffff", 1, "ffffffffffff", "1000000000000"}, {"123456789", 0, "0", "123456789"}}) {
+    for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"},
+                                   {"ffff", 0xFFFF, "fffe0001", "1fffe"},
+                                   {"1ffff", 0xFFFF, "1fffd0001", "2fffe"},
+                                   {"ffffffffffff", 1, "ffffffffffff", "1000000000000"},
+                                   {"123456789", 0, "0", "123456789"}}) {
         Mp src;
         set_hex(&src, a);
         Mp p(&src), s(&src);
         ASSERT_EQ(s_mp_mul_d(&p, mp_digit(d)) + s_mp_add_d(&s, mp_digit(d)), MP_OK);
         EXPECT_EQ(std::tuple(hex(&p), hex(&s)), std::tuple(prod, sum));
     }
-    // Copies: exact size, or into the existing array when it is large enough; growth in steps of 64.
+    // Copies: exact size, or into the existing array when large enough; growth in steps of 64.
     Mp a, big, z;
     mp_int small{};
     set_hex(&a, "-1000000000000000000000000");
@@ -242,25 +245,25 @@ TEST(Mpi, EveryAllocationFailureIsClean)
     }
 }
 
-// Active in every build type, Release included.
-TEST(MpiDeathTest, PreconditionsAbortWithTheConditionText)
+// Active in every build type, Release included: a null or empty argument aborts, naming the call.
+TEST(MpiDeathTest, PreconditionsAbort)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     uint8_t byte = 1;
     mp_int raw{};
     Mp a;
     const std::pair<std::string, std::function<void()>> cases[] = {
-        {"mp_init_size: Assertion `mp != \\(\\(void \\*\\)0\\) && prec > 0'", [&] { mp_init_size(&raw, 0); }},
-        {"mp_init_copy: Assertion `mp != .* && from != ", [&] { s_mp_reduce(nullptr, &a, &a); }},
-        {"mp_copy: Assertion `from != .* && to != ", [&] { mp_copy(&a, nullptr); }},
-        {"mp_read_unsigned_bin: Assertion `mp != .* && str != .* && len > 0'", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
-        {"mp_to_unsigned_bin: Assertion `mp != .* && str != ", [&] { mp_to_unsigned_bin(&a, nullptr); }},
-        {"mp_cmp: Assertion `a != .* && b != ", [&] { mp_cmp(&a, nullptr); }},
-        {"mp_add: Assertion `a != .* && b != .* && c != ", [&] { mp_add(&a, nullptr, &a); }},
-        {"mp_sub: Assertion `a != .* && b != .* && c != ", [&] { mp_sub(nullptr, &a, &a); }},
-        {"mp_div: Assertion `a != .* && b != ", [&] { mp_div(&a, nullptr, &a, &a); }},
-        {"mp_mod: Assertion `a != .* && m != .* && c != ", [&] { mp_mod(&a, &a, nullptr); }},
-        {"mp_exptmod: Assertion `a != .* && b != .* && c != ", [&] { mp_exptmod(&a, &a, &a, nullptr); }},
+        {"mp_init_size", [&] { mp_init_size(&raw, 0); }},
+        {"mp_init_copy", [&] { s_mp_reduce(nullptr, &a, &a); }},
+        {"mp_copy", [&] { mp_copy(&a, nullptr); }},
+        {"mp_read_unsigned_bin", [&] { mp_read_unsigned_bin(&a, &byte, 0); }},
+        {"mp_to_unsigned_bin", [&] { mp_to_unsigned_bin(&a, nullptr); }},
+        {"mp_cmp", [&] { mp_cmp(&a, nullptr); }},
+        {"mp_add", [&] { mp_add(&a, nullptr, &a); }},
+        {"mp_sub", [&] { mp_sub(nullptr, &a, &a); }},
+        {"mp_div", [&] { mp_div(&a, nullptr, &a, &a); }},
+        {"mp_mod", [&] { mp_mod(&a, &a, nullptr); }},
+        {"mp_exptmod", [&] { mp_exptmod(&a, &a, &a, nullptr); }},
     };
-    for (const auto &[text, call] : cases) EXPECT_DEATH(call(), text);
+    for (const auto &[name, call] : cases) EXPECT_DEATH(call(), name + ": Assertion `");
 }

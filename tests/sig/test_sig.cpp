@@ -145,37 +145,70 @@ TEST(Pss, WycheproofVectors)
     EXPECT_EQ(std::pair(valid, invalid > 30), std::pair(63, true));
 }
 
-TEST(Pss, EncoderAndMaskFailures)
+// A null pointer: -1 and the call's message, nothing written.
+TEST(Sig, NullArgumentsAreRefusedWithTheirMessage)
 {
-    uint8_t b[4];
-    for (auto [seed, mask] : {std::pair<uint8_t *, uint8_t *>{nullptr, b}, {b, nullptr}})
-        EXPECT_EQ(zt::printed([&, seed = seed, mask = mask] { return pkcs_1_mgf1_sha256(seed, 4, mask, 4); }),
-                  std::pair(-1, "Error: wrong input parameter for pkcs_1_mgf1_sha256 operation\n"s));
-    const Bytes digest(32, 1);
-    uint8_t out[256];
+    const zt::RsaKey &key = zt::test_key(0);
+    const Bytes h(32, 1);
+    Bytes out(256, 0xEE);
     uint32_t len = 256;
-    for (auto [h, o, l] : {std::tuple{(const uint8_t *)nullptr, out, &len}, {digest.data(), nullptr, &len}, {digest.data(), out, nullptr}})
-        EXPECT_EQ(zt::printed([&, h = h, o = o, l = l] { return pkcs_1_pss_encode_sha256(h, 32, 32, 2048, o, l); }),
-                  std::pair(-1, "Error: wrong input parameter for pkcs_1_pss_encode_sha256 operation\n"s));
+    int32_t verdict = 7;
+    uint8_t *o = out.data();
+    const uint8_t *in = key.n.data(), *d = key.d.data(), *n = key.n.data(), *no = nullptr;
+    const auto mgf = pkcs_1_mgf1_sha256;
+    const auto enc = pkcs_1_pss_encode_sha256;
+    const auto dec = pkcs_1_pss_decode_sha256;
+    const std::pair<std::string, std::function<int32_t()>> rows[] = {
+        {"pkcs_1_mgf1_sha256", [&] { return mgf(nullptr, 4, o, 4); }},
+        {"pkcs_1_mgf1_sha256", [&] { return mgf(in, 4, nullptr, 4); }},
+        {"pkcs_1_pss_encode_sha256", [&] { return enc(nullptr, 32, 32, 2048, o, &len); }},
+        {"pkcs_1_pss_encode_sha256", [&] { return enc(h.data(), 32, 32, 2048, nullptr, &len); }},
+        {"pkcs_1_pss_encode_sha256", [&] { return enc(h.data(), 32, 32, 2048, o, nullptr); }},
+        {"pkcs_1_pss_decode_sha256", [&] { return dec(nullptr, 32, in, 256, 32, 2048, &verdict); }},
+        {"pkcs_1_pss_decode_sha256", [&] { return dec(h.data(), 32, in, 256, 32, 2048, nullptr); }},
+        {"rsa", [&] { return rsa_exptmod(no, 256, o, &len, d, 256, n, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, nullptr, &len, d, 256, n, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, o, nullptr, d, 256, n, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, o, &len, nullptr, 256, n, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, o, &len, d, 256, nullptr, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, o, &len, d, 0, n, 256); }},
+        {"rsa", [&] { return rsa_exptmod(in, 256, o, &len, d, 256, n, 0); }},
+    };
+    for (const auto &[name, call] : rows)
+        EXPECT_EQ(zt::printed(call), std::pair(-1, "Error: wrong input parameter for " + name + " operation\n"));
+    EXPECT_EQ(std::tuple(out, len, verdict), std::tuple(Bytes(256, 0xEE), 256u, 7));
+}
+
+TEST(Pss, EncoderAndDecoderFailures)
+{
+    const Bytes digest(32, 1);
     const std::string mgf_alloc = "Error: fail to allocate memory for pkcs_1_mgf1_sha256 operation\n",
-                      alloc = "Error: fail to allocate memory for pkcs_1_pss_encode_sha256 operation\n";
+                      alloc = "Error: fail to allocate memory for pkcs_1_pss_encode_sha256 operation\n",
+                      mgf_enc = "Error: fail to perform mgf1 for pkcs_1_pss_encode_sha256 operation\n";
     const struct {
         uint32_t salt_len, bits, cap;
         int fail_malloc;
         int32_t rc;
         std::string out;  // "(...)": the lengths of the length message
         uint32_t len;     // reported back
-    } cases[] = {{223, 2048, 512, 0, -2, "(m = 256, h = 32, s = 223)", 512}, {257, 2048, 512, 0, -2, "(m = 256, h = 32, s = 257)", 512},
-                 {0xFFFFFFFFu, 2048, 512, 0, -2, "(m = 256, h = 32, s = -1)", 512}, {0, 264, 512, 0, -2, "(m = 33, h = 32, s = 0)", 512},
-                 {32, 0, 512, 0, -2, "(m = 0, h = 32, s = 32)", 512}, {32, 2048, 255, 0, -4, "", 256},
-                 {32, 2048, 512, 1, -3, alloc, 512}, {32, 2048, 512, 4, -3, alloc, 512},
-                 {32, 2048, 512, 6, -2, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_encode_sha256 operation\n", 512}};
+    } cases[] = {
+        {223, 2048, 512, 0, -2, "(m = 256, h = 32, s = 223)", 512},
+        {257, 2048, 512, 0, -2, "(m = 256, h = 32, s = 257)", 512},
+        {0xFFFFFFFFu, 2048, 512, 0, -2, "(m = 256, h = 32, s = -1)", 512},
+        {0, 264, 512, 0, -2, "(m = 33, h = 32, s = 0)", 512},
+        {32, 0, 512, 0, -2, "(m = 0, h = 32, s = 32)", 512},
+        {32, 2048, 255, 0, -4, "", 256},
+        {32, 2048, 512, 1, -3, alloc, 512},
+        {32, 2048, 512, 4, -3, alloc, 512},
+        {32, 2048, 512, 6, -2, mgf_alloc + mgf_enc, 512},
+    };
     for (const auto &c : cases) {
         zt::g_alloc.fail_nth(uint64_t(c.fail_malloc));
         const auto [rc, len, em, out] = encode(digest, c.salt_len, c.bits, nullptr, c.cap);
         zt::g_alloc.fail_nth(0);
-        const std::string want = c.out[0] == '(' ? "Error: wrong input parameter length " + c.out + " for pkcs_1_pss_encode_sha256 operation\n" : c.out;
-        EXPECT_EQ(std::tuple(rc, len, em, out), std::tuple(c.rc, c.len, Bytes(c.cap, 0xEE), want));  // output untouched
+        const std::string want = c.out[0] != '(' ? c.out : "Error: wrong input parameter length " + c.out +
+                                                               " for pkcs_1_pss_encode_sha256 operation\n";
+        EXPECT_EQ(std::tuple(rc, len, em, out), std::tuple(c.rc, c.len, Bytes(c.cap, 0xEE), want));
     }
     Bytes em(256, 0x3C);
     em.back() = 0xBC;
@@ -184,10 +217,12 @@ TEST(Pss, EncoderAndMaskFailures)
     zt::g_alloc.fail_nth(5);
     const Verdict d2 = decode(digest, em);
     zt::g_alloc.fail_nth(0);
-    EXPECT_EQ(d1, Verdict(-3, 0, "Error: fail to allocate memory for pkcs_1_pss_decode_sha256 operation\n"));
+    const std::string dec_alloc = "Error: fail to allocate memory for pkcs_1_pss_decode_sha256 operation\n";
+    EXPECT_EQ(d1, Verdict(-3, 0, dec_alloc));
     EXPECT_EQ(d2, Verdict(-2, 0, mgf_alloc + "Error: fail to perform mgf1 for pkcs_1_pss_decode_sha256 operation\n"));
     const uint8_t bytes[] = {0x01, 0xAB, 0x00, 0xFF};  // the dumps that go with the messages
-    EXPECT_EQ(zt::capture_stdout([&] { vHexDumpBuf(bytes, 4), vHexDumpBuf(bytes, 0), vHexDumpBuf(nullptr, -1); }), "0x01ab00ff\n0x\n0x\n");
+    const auto dumps = [&] { vHexDumpBuf(bytes, 4), vHexDumpBuf(bytes, 0), vHexDumpBuf(nullptr, -1); };
+    EXPECT_EQ(zt::capture_stdout(dumps), "0x01ab00ff\n0x\n0x\n");
 }
 
 // The salt: srand(time), then rand() % 255 per byte.
@@ -208,7 +243,8 @@ TEST(Pss, DecoderChecksInTheirOrder)
     std::mt19937_64 rng(7);
     const Bytes digest = zt::random_bytes(rng, 32), salt = zt::random_bytes(rng, 222), salt32 = zt::slice(salt, 0, 32);
     const Bytes h = pss_hash(digest, salt32), h222 = pss_hash(digest, salt);
-    const auto db = [&](size_t sep, size_t at = 999, uint8_t value = 0) {  // PS || 0x01 || salt, one byte edited
+    // PS || 0x01 || salt, one byte edited
+    const auto db = [&](size_t sep, size_t at = 999, uint8_t value = 0) {
         Bytes d(223, 0);
         d[sep] = 0x01;
         std::copy(salt.begin(), salt.begin() + long(222 - sep), d.begin() + long(sep) + 1);
@@ -224,36 +260,31 @@ TEST(Pss, DecoderChecksInTheirOrder)
                       msb = "Error: fail to check MSB for pkcs_1_pss_decode_sha256 operation\n",
                       ps = "Error: fail to 0x00 and 0x01 in BD for pkcs_1_pss_encode_sha256 operation\n",
                       sep = "Error: fail to 0x01 in BD for pkcs_1_pss_encode_sha256 operation\n";
-    const std::tuple<Bytes, uint32_t, uint32_t, const Bytes *, Verdict> cases[] = {
-        {good, 32, 2048, &digest, {0, 1, ""}},
-        {build_em(db(190, 0, 0x80), h), 32, 2048, &digest, {0, 1, ""}},  // the top bit of DB is masked off
-        {good, 32, 2048, &salt32, {0, 0, ""}},                            // another message hash
-        {edit(good, 200, 0x10), 32, 2048, &digest, {0, 0, ""}},           // a salt bit
-        {edit(good, 255, 0x01), 32, 2048, &digest, {-4, 0, bc}},
-        {edit(edit(good, 255, 0xBC), 0, 0x80), 32, 2048, &digest, {-4, 0, bc}},
-        {edit(good, 0, 0x80), 32, 2048, &digest, {-5, 0, msb}},
-        {edit(ps_bad, 0, 0x80), 32, 2048, &digest, {-5, 0, msb}},
-        {ps_bad, 32, 2048, &digest, {-6, 0, ps}},
-        {build_em(db(190, 190, 0), h), 32, 2048, &digest, {-7, 0, sep}},
-        {build_em(db(190, 190, 2), h), 32, 2048, &digest, {-7, 0, sep}},
-        {build_em(db(0), h222), 222, 2048, &digest, {0, 1, ""}},  // no PS at all
-        {build_em(db(0, 0, 0), h222), 222, 2048, &digest, {-7, 0, sep}},
-        {build_em(db(190), h, 0x3F), 32, 2047, &digest, {0, 1, ""}},
-        {edit(build_em(db(190), h, 0x3F), 0, 0x40), 32, 2047, &digest, {-5, 0, msb}},
-        {zt::slice(good, 0, 255), 32, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 32, sig = 255")}},
-        {good, 32, 2056, &digest, {-2, 0, lens("m = 257, h = 32, s = 32, sig = 256")}},
-        {good, 223, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 223, sig = 256")}},
-        {good, 300, 2048, &digest, {-2, 0, lens("m = 256, h = 32, s = 300, sig = 256")}},
+    const std::tuple<Bytes, uint32_t, uint32_t, Verdict> cases[] = {
+        {good, 32, 2048, {0, 1, ""}},
+        {build_em(db(190, 0, 0x80), h), 32, 2048, {0, 1, ""}},  // the top bit of DB is masked off
+        {edit(good, 200, 0x10), 32, 2048, {0, 0, ""}},           // a salt bit
+        {edit(good, 255, 0x01), 32, 2048, {-4, 0, bc}},
+        {edit(edit(good, 255, 0xBC), 0, 0x80), 32, 2048, {-4, 0, bc}},
+        {edit(good, 0, 0x80), 32, 2048, {-5, 0, msb}},
+        {edit(ps_bad, 0, 0x80), 32, 2048, {-5, 0, msb}},
+        {ps_bad, 32, 2048, {-6, 0, ps}},
+        {build_em(db(190, 190, 0), h), 32, 2048, {-7, 0, sep}},
+        {build_em(db(190, 190, 2), h), 32, 2048, {-7, 0, sep}},
+        {build_em(db(0), h222), 222, 2048, {0, 1, ""}},  // no PS at all
+        {build_em(db(0, 0, 0), h222), 222, 2048, {-7, 0, sep}},
+        {build_em(db(190), h, 0x3F), 32, 2047, {0, 1, ""}},
+        {edit(build_em(db(190), h, 0x3F), 0, 0x40), 32, 2047, {-5, 0, msb}},
+        {zt::slice(good, 0, 255), 32, 2048, {-2, 0, lens("m = 256, h = 32, s = 32, sig = 255")}},
+        {good, 32, 2056, {-2, 0, lens("m = 257, h = 32, s = 32, sig = 256")}},
+        {good, 223, 2048, {-2, 0, lens("m = 256, h = 32, s = 223, sig = 256")}},
+        {good, 300, 2048, {-2, 0, lens("m = 256, h = 32, s = 300, sig = 256")}},
     };
-    for (const auto &[em, salt_len, bits, mhash, want] : cases) EXPECT_EQ(decode(*mhash, em, salt_len, bits), want) << zt::to_hex(em);
-    EXPECT_NE(std::get<1>(decode(digest, edit(good, 230, 1))), 1);  // a flipped bit of H changes the whole mask
-    const std::string wrong = "Error: wrong input parameter for pkcs_1_pss_decode_sha256 operation\n";
-    int32_t verdict = 7;
-    EXPECT_EQ(zt::printed([&] { return pkcs_1_pss_decode_sha256(nullptr, 32, good.data(), 256, 32, 2048, &verdict); }), std::pair(-1, wrong));
-    EXPECT_EQ(zt::printed([&] { return pkcs_1_pss_decode_sha256(digest.data(), 32, good.data(), 256, 32, 2048, nullptr); }), std::pair(-1, wrong));
-    EXPECT_EQ(verdict, 7);
+    for (const auto &[em, salt_len, bits, want] : cases)
+        EXPECT_EQ(decode(digest, em, salt_len, bits), want) << zt::to_hex(em);
+    EXPECT_EQ(decode(salt32, good), Verdict(0, 0, ""));  // another message hash
+    EXPECT_NE(std::get<1>(decode(digest, edit(good, 230, 1))), 1);  // a bit of H: another mask
 }
-
 
 TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
 {
@@ -263,19 +294,13 @@ TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
     n_minus_1.back()--, n_plus_1.back()++;  // n is odd
     for (const Bytes &in : {Bytes(256, 0), {0x01}, n_minus_1, key.n, zt::random_bytes(rng, 255), zt::random_bytes(rng, 200)})
         EXPECT_EQ(exptmod(in, key.d, key.n), std::tuple(0, 256u, zt::modexp(in, key.d, key.n), ""s)) << zt::to_hex(in);  // n itself gives 0
-    // As long as the modulus as a number, not as given; the checks and their messages, nothing written.
+    // As long as the modulus as a number, not as given; the checks, messages, nothing written.
     EXPECT_EQ(exptmod({0x02}, key.e, padded(key.n, 257), 258), std::tuple(0, 256u, padded(zt::modexp({2}, key.e, key.n), 256) + 0xEE + 0xEE, ""s));
     EXPECT_EQ(exptmod({0x05}, {0x03}, {0, 0, 1, 0, 1}, 4), std::tuple(0, 3u, Bytes{0x00, 0x00, 0x7D, 0xEE}, ""s));  // 125
     EXPECT_EQ(exptmod(n_plus_1, key.d, key.n), std::tuple(-5, 256u, Bytes(256, 0xEE), "Error: rsa n is smaller than input data\nRSA N =>\n" +
                                                                                       dump(key.n) + "Input Data =>\n" + dump(n_plus_1)));
-    EXPECT_EQ(exptmod({0x07}, key.e, key.n, 255), std::tuple(-6, 256u, Bytes(255, 0xEE), "Error: incorrect output size (256, 255)\n"s));
-    uint8_t out[256];
-    uint32_t outlen = 256;
-    const uint8_t *in = key.n.data(), *d = key.d.data(), *n = key.n.data();
-    for (auto [i, o, l, k, kl, m, ml] : {std::tuple{(const uint8_t *)nullptr, out, &outlen, d, 256, n, 256}, {in, nullptr, &outlen, d, 256, n, 256},
-                                         {in, out, nullptr, d, 256, n, 256}, {in, out, &outlen, nullptr, 256, n, 256},
-                                         {in, out, &outlen, d, 256, nullptr, 256}, {in, out, &outlen, d, 0, n, 256}, {in, out, &outlen, d, 256, n, 0}})
-        EXPECT_EQ(zt::printed([&, i = i, o = o, l = l, k = k, kl = kl, m = m, ml = ml] { return rsa_exptmod(i, 256, o, l, k, kl, m, ml); }), std::pair(-1, "Error: wrong input parameter for rsa operation\n"s));
+    EXPECT_EQ(exptmod({0x07}, key.e, key.n, 255),
+              std::tuple(-6, 256u, Bytes(255, 0xEE), "Error: incorrect output size (256, 255)\n"s));
 }
 
 TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
@@ -286,7 +311,7 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
     in[0] = 0x01;  // a full-length value below n
     const std::string init_key = "Error: init tmp_key parameter for rsa operation\n";
     for (const Bytes *exp : {&key.e, &key.d}) {
-        // Allocations 1-3 set up the three integers; each read of more than 128 bytes then grows its
+        // Allocations 1-3 set up the three integers; each read of over 128 bytes then grows its
         // integer once; the rest belong to the exponentiation.
         std::vector<std::pair<int32_t, std::string>> steps = {
             {-2, "Error: init tmp parameter for rsa operation\n"}, {-3, init_key}, {-4, init_key}, {MP_NOMEM, "Error: fail to read input data =>\n" + dump(in)}};
@@ -342,7 +367,7 @@ TEST(WordRoute, MultiplyModAndExponent65537MatchBignum)
             for (uint32_t i = 0; ++above[i] == 0 && i < 63; i++) {
             }
             one[0] = 1, shifted[1 + rng() % 63] = 1, big[0] = uint32_t(rng()) | 0x80000000u;
-            if (n >= 2) top2[n - 2] = m[n - 2], top2[n - 1] = m[n - 1];  // big * (m's top two words): add back
+            if (n >= 2) top2[n - 2] = m[n - 2], top2[n - 1] = m[n - 1];  // big * m's top: add back
             const std::pair<Op, Op> pairs[] = {{random_op(rng, 64), random_op(rng, 64)}, {random_op(rng, n), random_op(rng, n)}, {m, one},
                                                {below, one}, {above, one}, {m, shifted}, {below, shifted}, {big, top2}, {Op{}, m},
                                                {random_op(rng, n / 2 + 1), random_op(rng, (n + 1) / 2)}};
@@ -369,4 +394,25 @@ TEST(WordRoute, MultiplyModAndExponent65537MatchBignum)
     res.fill(0xA5A5A5A5u);
     RSADecryption65537(random_op(rng, 64).data(), zero.data(), res.data());
     EXPECT_EQ(res, Op{});  // a zero modulus gives 0
+}
+
+// Shifts by 0, by bits, by whole words and both, into another array and in place; the bits pushed
+// out of a bit shift come back.
+TEST(WordRoute, ShiftsMatchBignum)
+{
+    std::mt19937_64 rng(32);
+    for (uint32_t shift : {0u, 1u, 31u, 32u, 33u, 100u}) {
+        const Op a = random_op(rng, 64);
+        Op l{}, r{}, l_in = a, r_in = a;
+        zt::Bn wl(BN_new()), wr(BN_new());
+        BN_lshift(wl.get(), bn(a).get(), int(shift));
+        const uint32_t out = shift % 32 ? a[63 - shift / 32] >> (32 - shift % 32) : 0;
+        BN_mask_bits(wl.get(), 2048);
+        BN_rshift(wr.get(), bn(a).get(), int(shift));
+        ASSERT_EQ(mpShiftLeft(l.data(), a.data(), shift, 64), out);
+        mpShiftLeft(l_in.data(), l_in.data(), shift, 64), mpShiftRight(r_in.data(), r_in.data(), shift, 64);
+        mpShiftRight(r.data(), a.data(), shift, 64);
+        const Op want_l = words(wl.get()), want_r = words(wr.get());
+        EXPECT_EQ(std::tuple(l, l_in, r, r_in), std::tuple(want_l, want_l, want_r, want_r)) << shift;
+    }
 }
