@@ -112,7 +112,7 @@ int32_t liParseCfgLine(ImgProtParam *param)
 FILE *pfOpenRegFileV10(const char *path, const char *mode)
 {
     // Non-blocking, so that opening a FIFO without a writer returns at once; nothing is read
-    // before the type is known.
+    // before the type is known.  The flag stays: reads of a regular file never block anyway.
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) return nullptr;
     struct stat st;
@@ -120,14 +120,8 @@ FILE *pfOpenRegFileV10(const char *path, const char *mode)
     if (fstat(fd, &st) != 0) {
         err = errno;
     } else if (S_ISREG(st.st_mode)) {
-        const int flags = fcntl(fd, F_GETFL);
-        if (flags == -1 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == -1) {
-            err = errno;
-        } else if (FILE *fp = fdopen(fd, mode); fp != nullptr) {
-            return fp;
-        } else {
-            err = errno;
-        }
+        if (FILE *fp = fdopen(fd, mode); fp != nullptr) return fp;
+        err = errno;
     }
     close(fd);
     errno = err;

@@ -77,9 +77,8 @@ int iOpenInput(const char *path, Input *in)
     in->fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     struct stat st;
     if (in->fd < 0 || fstat(in->fd, &st) != 0) return iFail(EXIT_IO, "cannot read %s: %s", path, strerror(errno));
+    // O_NONBLOCK stays set: reads of a regular file never block anyway.
     if (!S_ISREG(st.st_mode)) return iFail(EXIT_IO, "cannot read %s: not a regular file", path);
-    const int flags = fcntl(in->fd, F_GETFL);
-    if (flags < 0 || fcntl(in->fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return iFail(EXIT_IO, "cannot read %s: %s", path, strerror(errno));
     in->size = uint64_t(st.st_size);
     return EXIT_OK;
 }

@@ -46,7 +46,7 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
     const std::string d = k.dir, kh = zt::to_hex(zt::sha256(zt::test_key(0).n)), key = ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem";
     EXPECT_EQ(z({"pubhash", "--cfg", k.nod}).out, kh + "\n");
     std::mt19937_64 rng(1);
-    for (size_t size : {1, 15, 16, 17, 4095, (1 << 20) + 3}) {
+    for (size_t size : {1, 17, (1 << 20) + 3}) {  // a block short of, past, and across the 1 MiB pieces
         const Bytes plain = zt::random_bytes(rng, size);
         zt::write_file(d + "/plain", plain);
         ASSERT_EQ(zt::run(ZIRN_TOOL_EXE, {k.cfg, d + "/plain", d + "/prot", "0x00200000"}).status, 0);
