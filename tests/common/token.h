@@ -19,7 +19,6 @@ void sh(const std::string &exe, const std::vector<std::string> &args);
 // to install (and nothing is set) when SoftHSM2, OpenSC's pkcs11-tool or p11-kit is missing.
 struct Token {
     std::string dir, module, client, skip, conf;  // module: SoftHSM2's; client: p11-kit-client.so
-    Bytes n;                                      // k1's modulus, as pkcs11-tool reads it back
     pid_t server = -1;
     Token();
     ~Token();
