@@ -56,27 +56,21 @@ std::string record(const std::vector<std::pair<size_t, std::string>> &fields, ui
 // offset, no keys_seen bit) and a key written as a prefix, its value after "0X" and with a tail.
 TEST(CfgParse, KeysValuesAndTheirFailures)
 {
-    const struct {
-        std::string name;
-        size_t bytes, off;
-        uint8_t seen;
-        std::string err;
-        int32_t rc;
-    } keys[] = {
+    const std::tuple<std::string, size_t, size_t, uint8_t, std::string, int32_t> keys[] = {
+        // key, value bytes, offset in the record, keys_seen bit, message, result
         {"IMG_VER", 2, 15, 0x01, E, -4},
         {"ENC_PARAM", 32, 576, 0x04, "Error: parsing enc param: ", -5},
         {"DEC_PARAM", 32, 28, 0x02, "Error: parsing dec param: ", -6},
         {"AUTH_PARAM_N", 256, 60, 0x08, "Error: parsing auth param n: ", -7},
         {"AUTH_PARAM_D", 256, 608, 0x10, "Error: parsing auth param d: ", -8},
     };
-    for (const auto &k : keys) {
-        std::string v = zt::to_hex(zt::Bytes(k.bytes, uint8_t(k.off)));
+    for (const auto &[name, bytes, off, seen, err, rc] : keys) {
+        std::string v = zt::to_hex(zt::Bytes(bytes, uint8_t(off)));
         v[0] = 'a';
-        const std::string cut = v.substr(0, v.size() - 2), wrong_end = wrong('\0') + k.err;
-        EXPECT_EQ(parse(k.name + " = 0x" + cut + "\n"),
-                  std::tuple(k.rc, wrong_end + "0x" + cut + "\n", record({{k.off, cut}}, 0)));
-        const std::string prefixed = k.name + "S : 0X" + v + "zz\n";
-        EXPECT_EQ(parse(prefixed), std::tuple(0, R + prefixed, record({{k.off, v}}, k.seen)));
+        const std::string cut = v.substr(0, v.size() - 2), prefixed = name + "S : 0X" + v + "zz\n";
+        EXPECT_EQ(parse(name + " = 0x" + cut + "\n"),
+                  std::tuple(rc, wrong('\0') + err + "0x" + cut + "\n", record({{off, cut}}, 0)));
+        EXPECT_EQ(parse(prefixed), std::tuple(0, R + prefixed, record({{off, v}}, seen)));
     }
     const std::string skip = "FOO = " + std::string(4089, 'x'), ver = record({{15, "0102"}}, 1);
     const std::pair<std::string, Parsed> cases[] = {
@@ -108,7 +102,8 @@ TEST(CfgParse, FilesArgumentsAndClosing)
     const std::string dir = zt::temp_dir(), path = dir + "/ok.cfg";
     ImgProtParam p{};
     const std::tuple<const char *, ImgProtParam *, int32_t, std::string> rows[] = {
-        {nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is NULL\n"},
+        {nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is"
+                          " NULL\n"},
         {path.c_str(), nullptr, -1, "Error: Parameter structure is NULL\n"},
         {dir.c_str(), &p, -2, "Error: fail to open file (" + dir + ")\n"},
     };
