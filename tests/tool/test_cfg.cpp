@@ -24,18 +24,21 @@ extern "C" int __wrap_fclose(FILE *fp)
 
 namespace {
 
-const std::string R = "Parsing Line Below =>\n", SKIP = "Skip " + R, V = "IMG_VER = 0x0102", E = "Error: parsing image version: ";
-const std::string NULL_ARG = "Error: incorrect input parameter for converting hex string to value buffer\n";
+const std::string R = "Parsing Line Below =>\n", SKIP = "Skip " + R, V = "IMG_VER = 0x0102",
+                  E = "Error: parsing image version: ",
+                  NULL_ARG = "Error: incorrect input parameter for converting hex string to value"
+                             " buffer\n";
 std::string wrong(char c) { return "Error: wrong characters ("s + c + ") in hex string\n"; }
 std::string prefix(char c) { return "Error: hex string should start by 0x or 0X ("s + c + ")\n"; }
 
 // {result, printed, record in hex} of parsing content.
-std::tuple<int32_t, std::string, std::string> parse(const std::string &content, const std::string &path = zt::temp_dir() + "/c")
+using Parsed = std::tuple<int32_t, std::string, std::string>;
+Parsed parse(const std::string &content, const std::string &path = zt::temp_dir() + "/c")
 {
-    if (!content.empty() || !zt::file_exists(path)) zt::write_file(path, content);
+    zt::write_file(path, content);
     ImgProtParam p;
     memset(&p, 0, sizeof p);
-    const auto [rc, out] = zt::printed([&] { return iProcZIRNImgProtCfgFileV10(path.c_str(), &p); });
+    const auto [rc, out] = zt::printed([&] { return iProcZIRNImgProtCfgFileV10(path.data(), &p); });
     return {rc, out, zt::to_hex(reinterpret_cast<uint8_t *>(&p), sizeof p)};
 }
 
@@ -49,109 +52,134 @@ std::string record(const std::vector<std::pair<size_t, std::string>> &fields, ui
 
 }  // namespace
 
+// Each key: a short value (its message, its result, the bytes converted before the failure at its
+// offset, no keys_seen bit) and a key written as a prefix, its value after "0X" and with a tail.
 TEST(CfgParse, KeysValuesAndTheirFailures)
 {
-    const struct {
-        std::string name;
-        size_t bytes, off;
-        uint8_t seen;
-        std::string err;
-        int32_t rc;
-    } keys[] = {{"IMG_VER", 2, 15, 0x01, E, -4}, {"ENC_PARAM", 32, 576, 0x04, "Error: parsing enc param: ", -5},
-                {"DEC_PARAM", 32, 28, 0x02, "Error: parsing dec param: ", -6}, {"AUTH_PARAM_N", 256, 60, 0x08, "Error: parsing auth param n: ", -7},
-                {"AUTH_PARAM_D", 256, 608, 0x10, "Error: parsing auth param d: ", -8}};
-    std::string file = "# zirn image protection configuration\n", report;
-    std::vector<std::pair<size_t, std::string>> all;
-    for (const auto &k : keys) {
-        std::string v = zt::to_hex(zt::Bytes(k.bytes, uint8_t(k.off))), line = k.name + " = 0x" + v;
-        v[0] = 'a';
-        line[line.size() - v.size()] = 'A';  // upper-case digits are read too
-        file += line + "\n", report += R + line + "\n", all.push_back({k.off, v});
-        const std::string shortv = "0x" + v.substr(0, v.size() - 2), odd = "0x" + v.substr(0, v.size() - 1);
-        EXPECT_EQ(parse(k.name + "=0x" + v + "\n"), std::tuple(k.rc, NULL_ARG + k.err + "(null)\n", record({}, 0)));  // no value token
-        EXPECT_EQ(parse(k.name + " = " + shortv + "\n"), std::tuple(k.rc, wrong('\0') + k.err + shortv + "\n", record({{k.off, v.substr(0, v.size() - 2)}}, 0)));
-        EXPECT_EQ(parse(k.name + " = " + odd + "\n"), std::tuple(k.rc, wrong('\0') + k.err + odd + "\n", record({{k.off, v.substr(0, v.size() - 2)}}, 0)));
-        EXPECT_EQ(parse(k.name + " = 1x" + v + "\n"), std::tuple(k.rc, prefix('1') + k.err + "1x" + v + "\n", record({}, 0)));
-        EXPECT_EQ(parse(k.name + "S : 0X" + v + "zz\n"), std::tuple(0, R + k.name + "S : 0X" + v + "zz\n", record({{k.off, v}}, k.seen)));  // prefix key
-    }
-    EXPECT_EQ(parse(file), std::tuple(0, report, record(all, 0x1f)));
-    const std::pair<std::string, std::tuple<int32_t, std::string, std::string>> cases[] = {
-        {"", {0, "", record({}, 0)}},
-        {"# c\r\n   " + V + "\r\n", {0, R + V + "\r\n", record({{15, "0102"}}, 1)}},  // CR after the digits, blank indent
-        {"IMG_VER  =  0x0102  0x0304", {0, R + V + "\n", record({{15, "0102"}}, 1)}},  // no line end, fourth token
-        {"IMG_VER =\t0x0102\nIMG_VER\n", {-4, NULL_ARG + E + "(null)\n", record({}, 0)}},
-        {"\tIMG_VER = 1\nimg_ver = 1\nFOO\nFOO =\n\r\n", {0, SKIP + "\tIMG_VER = 1\n" + SKIP + "img_ver = 1\n" + SKIP + "FOO\n (null) (null)\n" +
-                                                              SKIP + "FOO =\n (null)\n" + SKIP + "\r\n (null) (null)\n", record({}, 0)}},
-        {"#IMG_VER = 0x0102\n\n   # note\n #\n     \n" + V + "\n    ",
-         {0, "Skip Comment/Empty line (#)\nSkip Comment/Empty line (#\n)\nSkip Comment/Empty line (\n)\n" + R + V + "\n", record({{15, "0102"}}, 1)}},
-        {V + "\nIMG_VER = 0xa0zz\nDEC_PARAM = 0x12\n",  // stops at the first failure, which keeps what it converted
-         {-4, R + V + "\n" + wrong('z') + E + "0xa0zz\n", record({{15, "a002"}}, 1)}},
-        // Lines arrive in pieces of at most 4095 characters; a line's text ends at its first NUL byte.
-        {"FOO = " + std::string(4089, 'x') + V + "\n" + V + std::string(4079, ' ') + "\n" + std::string(4096, ' ') + V,
-         {0, SKIP + "FOO = " + std::string(4089, 'x') + "\n" + R + V + "\n" + R + V + "\n" + R + V + "\n", record({{15, "0102"}}, 1)}},
-        {"\0IMG_VER = 0x0102\n   \0IMG_VER = 0x0102\nIMG_VER = 0x01\0"s + "02\n", {-4, wrong('\0') + E + "0x01\n", record({{15, "01"}}, 0)}},
+    const std::tuple<std::string, size_t, size_t, uint8_t, std::string, int32_t> keys[] = {
+        // key, value bytes, offset in the record, keys_seen bit, message, result
+        {"IMG_VER", 2, 15, 0x01, E, -4},
+        {"ENC_PARAM", 32, 576, 0x04, "Error: parsing enc param: ", -5},
+        {"DEC_PARAM", 32, 28, 0x02, "Error: parsing dec param: ", -6},
+        {"AUTH_PARAM_N", 256, 60, 0x08, "Error: parsing auth param n: ", -7},
+        {"AUTH_PARAM_D", 256, 608, 0x10, "Error: parsing auth param d: ", -8},
     };
-    for (const auto &[content, want] : cases) EXPECT_EQ(parse(content), want) << content.substr(0, 60);
+    for (const auto &[name, bytes, off, seen, err, rc] : keys) {
+        std::string v = zt::to_hex(zt::Bytes(bytes, uint8_t(off)));
+        v[0] = 'a';
+        const std::string cut = v.substr(0, v.size() - 2), prefixed = name + "S : 0X" + v + "zz\n";
+        EXPECT_EQ(parse(name + " = 0x" + cut + "\n"),
+                  std::tuple(rc, wrong('\0') + err + "0x" + cut + "\n", record({{off, cut}}, 0)));
+        EXPECT_EQ(parse(prefixed), std::tuple(0, R + prefixed, record({{off, v}}, seen)));
+    }
+    const std::string skip = "FOO = " + std::string(4089, 'x'), ver = record({{15, "0102"}}, 1);
+    const std::pair<std::string, Parsed> cases[] = {
+        {"# c\r\n   " + V + "\r\n", {0, R + V + "\r\n", ver}},  // CR after the digits, blank indent
+        {"IMG_VER  =  0x0102  0x0304", {0, R + V + "\n", ver}},  // no line end, fourth token
+        {"IMG_VER =\t0x0102\n", {-4, NULL_ARG + E + "(null)\n", record({}, 0)}},  // \t: no blank
+        {"\tIMG_VER = 1\nimg_ver = 1\nFOO =\n\r\n", {0, SKIP + "\tIMG_VER = 1\n" + SKIP + "img_ver"
+             " = 1\n" + SKIP + "FOO =\n (null)\n" + SKIP + "\r\n (null) (null)\n", record({}, 0)}},
+        {"#IMG_VER = 0x0102\n\n   # note\n #\n     \n" + V + "\n    ",
+         {0, "Skip Comment/Empty line (#)\nSkip Comment/Empty line (#\n)\n"
+             "Skip Comment/Empty line (\n)\n" + R + V + "\n", ver}},
+        // stops at the first failure, which keeps what it converted
+        {V + "\nIMG_VER = 0xa0zz\nDEC_PARAM = 0x12\n",
+         {-4, R + V + "\n" + wrong('z') + E + "0xa0zz\n", record({{15, "a002"}}, 1)}},
+        // Lines arrive in pieces of at most 4095 characters; a line's text ends at its first NUL.
+        {skip + V + "\n" + V + std::string(4079, ' ') + "\n" + std::string(4096, ' ') + V,
+         {0, SKIP + skip + "\n" + R + V + "\n" + R + V + "\n" + R + V + "\n", ver}},
+        {"\0IMG_VER = 0x0102\n   \0IMG_VER = 0x0102\nIMG_VER = 0x01\0"s + "02\n",
+         {-4, wrong('\0') + E + "0x01\n", record({{15, "01"}}, 0)}},
+    };
+    for (const auto &[content, want] : cases)
+        EXPECT_EQ(parse(content), want) << content.substr(0, 20);
 }
 
+// Null arguments, a folder (not a regular file: refused as unopenable), and a close that fails,
+// which overrides the result.
 TEST(CfgParse, FilesArgumentsAndClosing)
 {
-    const std::string dir = zt::temp_dir(), path = dir + "/ok.cfg", missing = dir + "/none.cfg";
-    EXPECT_EQ(parse("", dir), std::tuple(-2, "Error: fail to open file (" + dir + ")\n", record({}, 0)));  // not a regular file
+    const std::string dir = zt::temp_dir(), path = dir + "/ok.cfg";
     ImgProtParam p{};
-    for (auto [file, param, rc, out] : {std::tuple{(const char *)nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is NULL\n"s},
-                                        {path.c_str(), nullptr, -1, "Error: Parameter structure is NULL\n"s},
-                                        {missing.c_str(), &p, -2, "Error: fail to open file (" + missing + ")\n"}})
-        EXPECT_EQ(zt::printed([&, file = file, param = param] { return iProcZIRNImgProtCfgFileV10(file, param); }), std::pair(rc, out));
-    g_fail_next_fclose = true;  // a close failure overrides the result
-    EXPECT_EQ(parse(V + "\n", path), std::tuple(-3, R + V + "\nError: fail to close file (" + path + ")\n", record({{15, "0102"}}, 1)));
+    const std::tuple<const char *, ImgProtParam *, int32_t, std::string> rows[] = {
+        {nullptr, &p, -1, "Error: Input file name (zirn image protection configuration file) is"
+                          " NULL\n"},
+        {path.c_str(), nullptr, -1, "Error: Parameter structure is NULL\n"},
+        {dir.c_str(), &p, -2, "Error: fail to open file (" + dir + ")\n"},
+    };
+    for (const auto &[file, param, rc, out] : rows) {
+        const auto proc = [f = file, q = param] { return iProcZIRNImgProtCfgFileV10(f, q); };
+        EXPECT_EQ(zt::printed(proc), std::pair(rc, out));
+    }
+    g_fail_next_fclose = true;
+    const std::string closing = "\nError: fail to close file (" + path + ")\n";
+    EXPECT_EQ(parse(V + "\n", path), std::tuple(-3, R + V + closing, record({{15, "0102"}}, 1)));
 }
 
 // The AES key and the private exponent leave no copy of their text in the buffers the file was
 // read through (the stream's own buffer among them), however the parse ends.
 TEST(CfgParse, LeavesNoTextOfTheSecretsBehind)
 {
-    const std::string key(64, 'e'), d(512, 'd'), cfg = "ENC_PARAM = 0x" + key + "\nAUTH_PARAM_D = 0x", path = zt::temp_dir() + "/s";
-    for (auto [content, close_fails, rc] : {std::tuple{cfg + d + "\n", false, 0},
-                                            {cfg + d.substr(0, 300) + "z\n", false, -8},  // stops at a bad digit
-                                            {cfg + d + "\n", true, -3}}) {
+    const std::string key(64, 'e'), d(512, 'd'), path = zt::temp_dir() + "/s",
+                      cfg = "ENC_PARAM = 0x" + key + "\nAUTH_PARAM_D = 0x";
+    const std::tuple<std::string, bool, int32_t> rows[] = {  // content, close fails, result
+        {cfg + d + "\n", false, 0},
+        {cfg + d + "\n", true, -3},
+    };
+    for (const auto &[content, close_fails, rc] : rows) {
         g_fail_next_fclose = close_fails, g_closed_buf = nullptr;
         EXPECT_EQ(std::get<0>(parse(content, path)), rc);
         const auto bufs = aspCfgTextBufsV10();
         EXPECT_EQ(g_closed_buf, bufs[1].data());
-        for (const std::string_view buf : {std::string_view(bufs[0].data(), bufs[0].size()), std::string_view(bufs[1].data(), bufs[1].size())})
-            EXPECT_TRUE(buf.find(key.substr(0, 16)) == buf.npos && buf.find(d.substr(0, 16)) == buf.npos) << rc;
+        for (const auto &b : bufs) {
+            const std::string_view buf(b.data(), b.size());
+            EXPECT_EQ(std::pair(buf.find(key.substr(0, 16)), buf.find(d.substr(0, 16))),
+                      std::pair(buf.npos, buf.npos)) << rc;
+        }
     }
 }
 
 TEST(HexConv, ResultCodesMessagesAndBytes)
 {
     zt::Bytes buf(4, 0xee);
-    for (auto [str, out_buf, len, rc, out, bytes] : {
-             std::tuple{(const char *)nullptr, buf.data(), 1, -1, NULL_ARG, "eeeeeeee"}, {"0x00", nullptr, 1, -1, NULL_ARG, "eeeeeeee"},
-             {"0x00", buf.data(), -1, -1, NULL_ARG, "eeeeeeee"}, {"", buf.data(), 1, -2, prefix('\0'), "eeeeeeee"},
-             {"0", buf.data(), 1, -3, prefix('\0'), "eeeeeeee"}, {"0x", buf.data(), 0, 0, "", "eeeeeeee"},
-             {"1x", buf.data(), 0, -2, prefix('1'), "eeeeeeee"}, {"0x1234g6", buf.data(), 3, -4, wrong('g'), "1234eeee"},
-             {"0x123", buf.data(), 2, -4, wrong('\0'), "12eeeeee"}, {"0XABCDEF01", buf.data(), 4, 0, "", "abcdef01"}}) {
+    const std::tuple<const char *, uint8_t *, int32_t, int32_t, std::string, std::string> rows[] = {
+        {nullptr, buf.data(), 1, -1, NULL_ARG, "eeeeeeee"},
+        {"0x00", nullptr, 1, -1, NULL_ARG, "eeeeeeee"},
+        {"0x00", buf.data(), -1, -1, NULL_ARG, "eeeeeeee"},
+        {"", buf.data(), 1, -2, prefix('\0'), "eeeeeeee"},
+        {"0", buf.data(), 1, -3, prefix('\0'), "eeeeeeee"},
+        {"1x", buf.data(), 0, -2, prefix('1'), "eeeeeeee"},
+        {"0x1234g6", buf.data(), 3, -4, wrong('g'), "1234eeee"},
+        {"0x123", buf.data(), 2, -4, wrong('\0'), "12eeeeee"},  // a byte is stored once complete
+        {"0XABCDEF01", buf.data(), 4, 0, "", "abcdef01"},
+    };
+    for (const auto &[str, out_buf, len, rc, out, bytes] : rows) {
         buf.assign(4, 0xee);
-        EXPECT_EQ(zt::printed([&, str = str, out_buf = out_buf, len = len] { return iConvHexStrToValBuf(str, out_buf, len); }), std::pair(rc, out));
+        const auto conv = [s = str, b = out_buf, n = len] { return iConvHexStrToValBuf(s, b, n); };
+        EXPECT_EQ(zt::printed(conv), std::pair(rc, out));
         EXPECT_EQ(zt::to_hex(buf), bytes);
     }
 }
 
 TEST(FileSize, ResultsAndMessages)
 {
-    const std::string dir = zt::temp_dir(), empty = dir + "/empty", normal = dir + "/normal", missing = dir + "/missing";
+    const std::string dir = zt::temp_dir(), empty = dir + "/empty", normal = dir + "/normal";
     zt::write_file(empty, "");
     zt::write_file(normal, zt::Bytes(12345, 0x42));
     int fds[2];
-    ASSERT_EQ(pipe(fds), 0);  // not a regular file: refused as unopenable
-    const std::string pipe_path = "/proc/self/fd/" + std::to_string(fds[0]), at = ") for getting file size\n";
-    for (auto [path, size, out] : {std::tuple{(const char *)nullptr, 0u, "Error: No file name for getting file size\n"s}, {empty.c_str(), 0u, ""s},
-                                   {normal.c_str(), 12345u, ""s}, {missing.c_str(), 0u, "Error: fail to open file (" + missing + at},
-                                   {pipe_path.c_str(), 0u, "Error: fail to open file (" + pipe_path + at}})
-        EXPECT_EQ(zt::printed([&, path = path] { return ui4GetFileSz(path); }), std::pair(size, out));
+    ASSERT_EQ(pipe(fds), 0);  // not a regular file: refused as unopenable (a missing file: Signer)
+    const std::string pipe_path = "/proc/self/fd/" + std::to_string(fds[0]),
+                      at = ") for getting file size\n";
+    const std::tuple<const char *, uint32_t, std::string> rows[] = {
+        {nullptr, 0, "Error: No file name for getting file size\n"},
+        {empty.c_str(), 0, ""},
+        {normal.c_str(), 12345, ""},
+        {pipe_path.c_str(), 0, "Error: fail to open file (" + pipe_path + at},
+    };
+    for (const auto &[path, size, out] : rows)
+        EXPECT_EQ(zt::printed([p = path] { return ui4GetFileSz(p); }), std::pair(size, out));
     close(fds[0]), close(fds[1]);
     g_fail_next_fclose = true;  // a close failure discards the size already taken
-    EXPECT_EQ(zt::printed([&] { return ui4GetFileSz(normal.c_str()); }), std::pair(0u, "Error: fail to close file (" + normal + at));
+    const std::string closing = "Error: fail to close file (" + normal + at;
+    EXPECT_EQ(zt::printed([&] { return ui4GetFileSz(normal.data()); }), std::pair(0u, closing));
 }
