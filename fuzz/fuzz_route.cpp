@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto be = [](const uint32_t *w, uint8_t *b) {  // the module's byte strings are big-endian
         std::reverse_copy(reinterpret_cast<const uint8_t *>(w), reinterpret_cast<const uint8_t *>(w + 64), b);
     };
-    uint8_t a_be[256], m_be[256], m_after[256], got[256], want[256] = {}, e_be[3] = {0x01, 0x00, 0x01};
+    uint8_t a_be[256], m_be[256], m_after[256], got[256], want[256] = {}, e_be[3] = {1, 0, 1};
     be(base, a_be), be(mod, m_be);
     RSADecryption65537(base, mod, out);
     be(mod, m_after), be(out, got);

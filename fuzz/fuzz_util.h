@@ -12,7 +12,7 @@
 #include <vector>
 
 // A failed check aborts, so that libFuzzer keeps the input.
-#define FUZZ_CHECK(cond) ((cond) ? (void)0 : (fprintf(stderr, "check failed: %s\n", #cond), abort()))
+#define FUZZ_CHECK(cond) ((cond) ? void() : (fprintf(stderr, "check failed: %s\n", #cond), abort()))
 
 // The library reports on standard output: silenced once, at start.
 [[maybe_unused]] static FILE *const lp_quiet_stdout = freopen("/dev/null", "w", stdout);
