@@ -16,3 +16,15 @@ TEST(Pipeline, NullArgumentsAreRejectedInOrderAndTouchNothing)
         EXPECT_EQ(zt::printed([&, param = param, buf = buf, path = path] { return iProtZIRNImgV10(param, buf, 16, path); }), std::pair(-1, message));
     EXPECT_EQ(p.hdr.prot_mark0, 0);
 }
+
+// A record without a modulus: signing fails (-7) after the dumps, and nothing is written.
+TEST(Pipeline, SigningFailureIsItsOwnResult)
+{
+    ImgProtParam p;
+    vInitImgProtParamV10(&p);
+    uint8_t img[16] = {};
+    const std::string out = zt::temp_dir() + "/out";
+    const auto [rc, text] = zt::printed([&] { return iProtZIRNImgV10(&p, img, 16, out.c_str()); });
+    const std::string last = "Error: fail to peform pcks#1 pss encode for the encrypted zirn image\n";
+    EXPECT_EQ(std::tuple(rc, text.substr(text.size() - last.size()), zt::file_exists(out)), std::tuple(-7, last, false));
+}

@@ -183,3 +183,10 @@ TEST(FileSize, ResultsAndMessages)
     const std::string closing = "Error: fail to close file (" + normal + at;
     EXPECT_EQ(zt::printed([&] { return ui4GetFileSz(normal.data()); }), std::pair(0u, closing));
 }
+
+// The memory size argument: absent and zero are refused with results of their own.
+TEST(ExtMemSize, AbsentAndZeroAreRefusedApart)
+{
+    uint32_t size = 7;
+    EXPECT_EQ(std::tuple(iParseExtMemSzV10(nullptr, &size), size, iParseExtMemSzV10("0x0", &size)), std::tuple(-1, 0u, -3));
+}
