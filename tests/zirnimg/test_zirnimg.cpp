@@ -103,6 +103,8 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"decrypt", prot, "--cfg", k.nod, "-o", out}, 0, ""}, {{"prepare", k.nod, d + "/plain", out, "512"}, 0, ""},
         {{"stitch", u, d + "/good.sig", "-o", out}, 0, ""}, {{"sign", k.cfg, d + "/plain", out, "0x200"}, 0, ""},
         {{"keycfg", "--key", pem, "-o", out}, 0, ""}, {{"pubhash", "--key", pem}, 0, ""}, {{"verify", prot, "--key", pem}, 0, ""},
+        {{"sign", k.nod, d + "/plain", out, "0x200"}, 6, "no AUTH_PARAM_D"}, {{"keycfg", "--key", d + "/none", "-o", out}, 5, ""},
+        {{"sign", k.nod, d + "/plain", out, "0x200", "--key", ZIRN_VECTORS_DIR "/second_key.pem"}, 3, "nothing was signed"},
         {{}, 2, "no command given"}, {{"bogus", prot}, 2, "unknown command"}, {{"info"}, 2, "usage: zirnimg info IMAGE"},
         {{"info", prot, "--bogus"}, 2, "unknown option --bogus"}, {{"verify", prot, "--key-hash"}, 2, "needs a value"},
         {{"verify", prot, "--key-hash", "12"}, 2, "64 hex digits"}, {{"verify", prot, "--key-hash", kh, "--cfg", k.cfg}, 2, "takes one of"},
