@@ -351,12 +351,12 @@ std::unique_ptr<Key> make_raw_key(const uint8_t n[256], const uint8_t *d, std::s
 
 using detail::fail;
 
-KeyError open_key(const std::string &spec, const KeyOptions &opt, std::unique_ptr<Key> *out)
+KeyError open_key(const std::string &source, const KeyOptions &opt, std::unique_ptr<Key> *out)
 {
     out->reset();
-    if (spec.rfind("pkcs11:", 0) == 0) return detail::open_pkcs11(spec, opt, out);
-    if (spec.empty()) return fail(KeyErr::usage, "no key given");
-    return detail::open_keyfile(spec, opt, out);
+    if (source.rfind("pkcs11:", 0) == 0) return detail::open_pkcs11(source, opt, out);
+    if (source.empty()) return fail(KeyErr::usage, "no key given");
+    return detail::open_keyfile(source, opt, out);
 }
 
 KeyError open_helper_key(const std::string &cmd, const uint8_t n[256], std::unique_ptr<Key> *out)

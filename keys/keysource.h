@@ -74,9 +74,9 @@ protected:
     uint8_t n_[256] = {};
 };
 
-// spec: a PKCS#11 URI (starting with "pkcs11:") or the path of a key file (PEM or DER; PKCS#1,
+// source: a PKCS#11 URI (starting with "pkcs11:") or the path of a key file (PEM or DER; PKCS#1,
 // PKCS#8 (also encrypted) or a public key).  On failure *out is left empty.
-KeyError open_key(const std::string &spec, const KeyOptions &opt, std::unique_ptr<Key> *out);
+KeyError open_key(const std::string &source, const KeyOptions &opt, std::unique_ptr<Key> *out);
 
 // A signing helper: cmd is split on blanks into the program and its arguments (no shell; a
 // program without '/' is looked up in PATH) and the key's fingerprint (lower-case hex SHA-256 of

@@ -61,9 +61,9 @@ int iSealImage(const char *cfg_path, const char *in_path, const char *sz, uint32
 // Writes the header and the ciphertext of s to path.
 int iWriteImage(const char *path, const Sealed &s);
 
-// Opens the key described by spec (a PKCS#11 URI or a key file), with the passphrase or PIN from
+// Opens the key described by source (a PKCS#11 URI or a key file), with the passphrase or PIN from
 // pass (null: a prompt on the terminal).  Returns EXIT_OK or the key source's failure status.
-int iOpenKey(const char *spec, const char *pass, bool need_private, std::unique_ptr<zk::Key> *key);
+int iOpenKey(const char *source, const char *pass, bool need_private, std::unique_ptr<zk::Key> *key);
 
 // A size given to the companion: decimal, or 0x and hex digits; 1 to 2^32 - 1.
 bool bParseSize(const char *text, uint32_t *size);

@@ -66,9 +66,9 @@ bool bHexOption(const char *text, uint8_t *out, size_t bytes)
 
 }  // namespace
 
-int iOpenKey(const char *spec, const char *pass, bool need_private, std::unique_ptr<zk::Key> *key)
+int iOpenKey(const char *source, const char *pass, bool need_private, std::unique_ptr<zk::Key> *key)
 {
-    const zk::KeyError e = zk::open_key(spec, zk::KeyOptions{pass != nullptr ? pass : "", need_private}, key);
+    const zk::KeyError e = zk::open_key(source, zk::KeyOptions{pass != nullptr ? pass : "", need_private}, key);
     return e ? iKeyFail(e) : EXIT_OK;
 }
 
