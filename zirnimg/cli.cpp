@@ -172,7 +172,7 @@ int iParseArgs(const Command &c, int argc, char **argv, Args *a)
 int iRun(int argc, char **argv)
 {
     const std::string first = argc > 1 ? argv[1] : "";
-    if (first == "--help" || first == "-h" || first == "help") {
+    if (first == "--help" || first == "-h") {
         fputs(USAGE, g_out);
         return EXIT_OK;
     }

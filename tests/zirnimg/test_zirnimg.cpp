@@ -64,6 +64,13 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
         std::fill(zeroed.begin() + 316, zeroed.begin() + 572, 0);
         EXPECT_EQ(std::tuple(zeroed, zt::pss_verify(zt::test_key(0).n, zeroed, zt::slice(stitched, 316, 256))), std::tuple(unsig, true));
         EXPECT_EQ(z({"verify", d + "/stitched", "--key-hash", kh}).status, 0);
+        const std::string hex = (zt::to_hex(plain) + std::string(128, '0')).substr(0, 128), cfg = d + "/k" + std::to_string(size);
+        ASSERT_EQ(z({"keycfg", "--key", key, "-o", cfg, "--img-ver", "0x" + hex.substr(0, 4), "--enc-param", hex.substr(0, 64),
+                     "--dec-param", hex.substr(64)}).status, 0);
+        const Bytes file = zt::read_file(cfg);
+        const std::string text(file.begin(), file.end()), lines = "IMG_VER = 0x" + hex.substr(0, 4) + "\nENC_PARAM = 0x" +
+                                                                  hex.substr(0, 64) + "\nDEC_PARAM = 0x" + hex.substr(64) + "\n";
+        EXPECT_NE(text.find(lines), std::string::npos) << text;
         const Bytes prot = zt::read_file(d + "/prot");
         for (size_t bit : std::initializer_list<size_t>{0, 8 * 8, 8 * 12, 8 * 15 + 3, 8 * 23 + 7, 8 * 24 + 4, 8 * 28 + 7, 8 * 60, 8 * 400, 8 * 572 + 1, 8 * 576, 8 * prot.size() - 1}) {
             zt::write_file(d + "/flipped", flipped(prot, bit));
@@ -109,7 +116,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"info", prot, "--bogus"}, 2, "unknown option --bogus"}, {{"verify", prot, "--key-hash"}, 2, "needs a value"},
         {{"verify", prot, "--key-hash", "12"}, 2, "64 hex digits"}, {{"verify", prot, "--key-hash", kh, "--cfg", k.cfg}, 2, "takes one of"},
         {{"decrypt", prot, "-o", out}, 2, "decrypt: --cfg and -o are required"}, {{"prepare", k.nod, d + "/plain", out, "0x"}, 2, "external memory size"},
-        {{"--help"}, 0, ""}, {{"verify", "--help"}, 0, ""}, {{"--version"}, 0, ""},
+        {{"--help"}, 0, ""}, {{"-h"}, 0, ""}, {{"verify", "--help"}, 0, ""}, {{"--version"}, 0, ""},
         {{"info", prot}, 0, ""},
         {{"verify", prot, "--no-pin"}, 0, "the key was not pinned"}, {{"verify", u, "--no-pin"}, 1, "does not verify"},
         {{"verify", image("flip", 600, {0x55}), "--key-hash", kh}, 1, "does not verify"},
