@@ -129,6 +129,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         {{"verify", image("tail", 0, {}, good.size() + 16), "--no-pin"}, 4, "file size"},
         {{"verify", d + "/sparse", "--no-pin"}, 1, "does not verify"}, {{"stitch", u, d + "/short.sig", "-o", out}, 4, "exactly 256 bytes"},
         {{"stitch", u, d + "/zero.sig", "-o", out}, 1, "does not verify"},
+        {{"info", d + "/\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"}, 5, "cannot read"},  // overlong, surrogate, past U+10FFFF
         {{"verify", d + "/dir", "--no-pin"}, 5, "not a regular file"}, {{"stitch", u, d + "/none", "-o", out}, 5, "cannot read"},
         {{"decrypt", prot, "--cfg", k.nod, "-o", d + "/none/out"}, 5, "cannot write"}, {{"decrypt", prot, "--cfg", k.nod, "-o", d + "/dir"}, 5, "cannot write"},
         {{"pubhash", "--cfg", d + "/bad.cfg"}, 6, "line 1: ENC_PARAM takes"}, {{"decrypt", prot, "--cfg", d + "/no_enc.cfg", "-o", out}, 6, "no ENC_PARAM"},
