@@ -152,8 +152,12 @@ int iKeycfg(const Args &a)
     } wipe_text;
     std::string iv = sHex(p.enc_iv, 32);
     const std::string ver = sHex(p.hdr.img_ver, 2), dec = sHex(p.hdr.dec_param, 32), n = sHex(p.hdr.auth_n, 256);
+    // The key's name goes into a comment: cut to 200 characters, so that the text fits, and with
+    // control characters replaced, so that a file name holding a line end cannot add a line.
+    std::string from = key->describe().substr(0, 200);
+    for (char &ch : from) ch = static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f ? '?' : ch;
     int len = snprintf(text, sizeof text, "# zirn image protection configuration from %s\nIMG_VER = 0x%s\nENC_PARAM = 0x%s\nDEC_PARAM = 0x%s\n"
-                       "AUTH_PARAM_N = 0x%s\n", key->describe().c_str(), ver.c_str(), iv.c_str(), dec.c_str(), n.c_str());
+                       "AUTH_PARAM_N = 0x%s\n", from.c_str(), ver.c_str(), iv.c_str(), dec.c_str(), n.c_str());
     if (with_d) {
         static const char digits[] = "0123456789abcdef";
         len += snprintf(text + len, sizeof text - size_t(len), "AUTH_PARAM_D = 0x");

@@ -65,12 +65,15 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
         EXPECT_EQ(std::tuple(zeroed, zt::pss_verify(zt::test_key(0).n, zeroed, zt::slice(stitched, 316, 256))), std::tuple(unsig, true));
         EXPECT_EQ(z({"verify", d + "/stitched", "--key-hash", kh}).status, 0);
         const std::string hex = (zt::to_hex(plain) + std::string(128, '0')).substr(0, 128), cfg = d + "/k" + std::to_string(size);
-        ASSERT_EQ(z({"keycfg", "--key", key, "-o", cfg, "--img-ver", "0x" + hex.substr(0, 4), "--enc-param", hex.substr(0, 64),
+        const std::string odd = d + "/k\nIMG_VER = 0x0000.pem";  // a file name that would add a line
+        std::filesystem::copy_file(key, odd, std::filesystem::copy_options::overwrite_existing);
+        ASSERT_EQ(z({"keycfg", "--key", odd, "-o", cfg, "--img-ver", "0x" + hex.substr(0, 4), "--enc-param", hex.substr(0, 64),
                      "--dec-param", hex.substr(64)}).status, 0);
         const Bytes file = zt::read_file(cfg);
         const std::string text(file.begin(), file.end()), lines = "IMG_VER = 0x" + hex.substr(0, 4) + "\nENC_PARAM = 0x" +
                                                                   hex.substr(0, 64) + "\nDEC_PARAM = 0x" + hex.substr(64) + "\n";
         EXPECT_NE(text.find(lines), std::string::npos) << text;
+        EXPECT_EQ(z({"pubhash", "--cfg", cfg}).status, 0);
         const Bytes prot = zt::read_file(d + "/prot");
         for (size_t bit : std::initializer_list<size_t>{0, 8 * 8, 8 * 12, 8 * 15 + 3, 8 * 23 + 7, 8 * 24 + 4, 8 * 28 + 7, 8 * 60, 8 * 400, 8 * 572 + 1, 8 * 576, 8 * prot.size() - 1}) {
             zt::write_file(d + "/flipped", flipped(prot, bit));
