@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
@@ -50,14 +51,15 @@ std::string capture_stdout(const std::function<void()> &fn)
 Bytes from_hex(const std::string &hex)
 {
     Bytes out(hex.size() / 2);
-    for (size_t i = 0; i < out.size(); i++) out[i] = uint8_t(std::stoul(hex.substr(2 * i, 2), nullptr, 16));
+    for (size_t i = 0; i < out.size(); i++) out[i] = uint8_t(std::stoul(hex.substr(2 * i, 2), 0, 16));
     return out;
 }
 
 std::string to_hex(const uint8_t *p, size_t n)
 {
     std::string s;
-    for (size_t i = 0; i < n; i++) s += {"0123456789abcdef"[p[i] >> 4], "0123456789abcdef"[p[i] & 15]};
+    const char *digits = "0123456789abcdef";
+    for (size_t i = 0; i < n; i++) s += {digits[p[i] >> 4], digits[p[i] & 15]};
     return s;
 }
 
@@ -75,6 +77,22 @@ nlohmann::json load_vectors(const std::string &name)
     return nlohmann::json::parse(in);
 }
 
+std::vector<Words> load_rows(const std::string &name, const Vars &vars)
+{
+    std::ifstream in(std::string(ZIRN_VECTORS_DIR) + "/" + name);
+    std::vector<Words> rows;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        for (const auto &[var, value] : vars)
+            for (size_t at; (at = line.find(var)) != line.npos;)
+                line.replace(at, var.size(), value);
+        std::istringstream words(line);
+        Words &row = rows.emplace_back();
+        for (std::string w; words >> std::quoted(w);) row.push_back(w);
+    }
+    return rows;
+}
+
 std::string temp_dir()
 {
     std::string templ = (std::filesystem::temp_directory_path() / "zirn-test-XXXXXX").string();
@@ -84,7 +102,8 @@ std::string temp_dir()
 
 void write_file(const std::string &path, const std::string &content)
 {
-    if (!std::ofstream(path, std::ios::binary).write(content.data(), std::streamsize(content.size())))
+    std::ofstream out(path, std::ios::binary);
+    if (!out.write(content.data(), std::streamsize(content.size())))
         throw std::runtime_error("cannot write " + path);
 }
 
@@ -106,7 +125,8 @@ Run run(const std::string &exe, const std::vector<std::string> &args)
         // ZIRN_TEST_RUNNER, e.g. "qemu-x86_64 -cpu qemu64" or "valgrind ...", runs the project's
         // executables (not the system's, such as openssl).
         std::vector<std::string> words;
-        std::istringstream runner(getenv("ZIRN_TEST_RUNNER") && exe.rfind("/usr/", 0) != 0 ? getenv("ZIRN_TEST_RUNNER") : "");
+        const char *runs = getenv("ZIRN_TEST_RUNNER");
+        std::istringstream runner(runs && exe.rfind("/usr/", 0) != 0 ? runs : "");
         for (std::string w; runner >> w;) words.push_back(w);
         words.push_back(exe);
         words.insert(words.end(), args.begin(), args.end());

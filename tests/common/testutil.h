@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -29,15 +30,26 @@ std::string to_hex(const uint8_t *p, size_t n);
 inline std::string to_hex(const Bytes &b) { return to_hex(b.data(), b.size()); }
 // n random bytes; the data pointer is never null (null means "absent" to the code under test).
 Bytes random_bytes(std::mt19937_64 &rng, size_t n);
-inline Bytes slice(const Bytes &b, size_t off, size_t n) { return Bytes(b.begin() + long(off), b.begin() + long(off + n)); }
+inline Bytes slice(const Bytes &b, size_t off, size_t n)
+{
+    return Bytes(b.begin() + long(off), b.begin() + long(off + n));
+}
 
 // A JSON file of tests/vectors.
 nlohmann::json load_vectors(const std::string &name);
+// The rows of a text file of tests/vectors: one row a line, words as in a shell ("..." quotes a
+// word), '#' and blank lines skipped; each name of vars (such as "$D") replaced by its value first.
+using Words = std::vector<std::string>;
+using Vars = std::map<std::string, std::string>;
+std::vector<Words> load_rows(const std::string &name, const Vars &vars);
 
 // A fresh empty directory, removed when the program ends.
 std::string temp_dir();
 void write_file(const std::string &path, const std::string &content);
-inline void write_file(const std::string &path, const Bytes &b) { write_file(path, std::string(b.begin(), b.end())); }
+inline void write_file(const std::string &path, const Bytes &b)
+{
+    write_file(path, std::string(b.begin(), b.end()));
+}
 Bytes read_file(const std::string &path);
 bool file_exists(const std::string &path);
 

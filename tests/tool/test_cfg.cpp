@@ -188,5 +188,6 @@ TEST(FileSize, ResultsAndMessages)
 TEST(ExtMemSize, AbsentAndZeroAreRefusedApart)
 {
     uint32_t size = 7;
-    EXPECT_EQ(std::tuple(iParseExtMemSzV10(nullptr, &size), size, iParseExtMemSzV10("0x0", &size)), std::tuple(-1, 0u, -3));
+    const int32_t absent = iParseExtMemSzV10(nullptr, &size);
+    EXPECT_EQ(std::tuple(absent, size, iParseExtMemSzV10("0x0", &size)), std::tuple(-1, 0u, -3));
 }

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 
@@ -176,27 +175,16 @@ TEST(ZirnimgSign, EveryKeySource)
 {
     ASSERT_TRUE(freopen("/dev/null", "r", stdin));
     const Files &f = files();
-    std::ifstream rows(ZIRN_VECTORS_DIR "/zirnimg_sign_rows.txt");
-    using Map = std::map<std::string, std::string>;
-    const Map cfgs = {{"tok", f.tok}, {"nod", f.nod}, {"cfg", f.cfg}},
-              vars = {{"$D", f.d}, {"$M", f.t.module}, {"$C", f.t.client}, {"$H", f.helper},
-                      {"$S", ZIRN_SOURCE_DIR}};
-    int count = 0;
-    for (std::string line; std::getline(rows, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        for (const auto &[var, value] : vars)
-            for (size_t at; (at = line.find(var)) != std::string::npos;) line.replace(at, 2, value);
-        std::istringstream words(line);
-        std::string cfg, message, w;
-        int status = -1;
-        words >> cfg >> status >> std::quoted(message);
-        count++;
-        if (cfg == "tok" && !f.t.skip.empty()) continue;
-        std::vector<std::string> args = {"sign", cfgs.at(cfg), f.plain, "img", "0x00200000"};
-        while (words >> std::quoted(w)) args.push_back(w);
-        expect_run(args, status, message, cfg_n(args[1]),
+    const zt::Vars cfgs = {{"tok", f.tok}, {"nod", f.nod}, {"cfg", f.cfg}};
+    const auto rows = zt::load_rows("zirnimg_sign_rows.txt", {{"$D", f.d}, {"$M", f.t.module},
+        {"$C", f.t.client}, {"$H", f.helper}, {"$S", ZIRN_SOURCE_DIR}});
+    for (const zt::Words &w : rows) {  // CFG STATUS MESSAGE KEY OPTIONS...
+        if (w[0] == "tok" && !f.t.skip.empty()) continue;
+        std::vector<std::string> args = {"sign", cfgs.at(w[0]), f.plain, "img", "0x00200000"};
+        args.insert(args.end(), w.begin() + 3, w.end());
+        expect_run(args, std::stoi(w[1]), w[2], cfg_n(args[1]),
                    [&](const zt::Run &) { expect_image(args[1]); });
     }
-    EXPECT_EQ(count, 30);  // the file was read whole
+    EXPECT_EQ(rows.size(), 30u);  // the file was read whole
     if (!f.t.skip.empty()) GTEST_SKIP() << "token rows: " << f.t.skip;
 }
