@@ -182,14 +182,14 @@ constexpr unsigned B3(uint32_t w) { return w & 0xff; }
 // SubWord(RotWord(w)): S of bytes 1, 2, 3, 0 of w.
 inline uint32_t sub_rot_word(uint32_t w)
 {
-    return (Te4[B1(w)] & 0xff000000u) ^ (Te4[B2(w)] & 0x00ff0000u) ^ (Te4[B3(w)] & 0x0000ff00u) ^
+    return (Te4[B1(w)] & 0xff000000u) | (Te4[B2(w)] & 0x00ff0000u) | (Te4[B3(w)] & 0x0000ff00u) |
            (Te4[B0(w)] & 0x000000ffu);
 }
 
 // SubWord(w) without rotation (the extra step of 256-bit keys).
 inline uint32_t sub_word(uint32_t w)
 {
-    return (Te4[B0(w)] & 0xff000000u) ^ (Te4[B1(w)] & 0x00ff0000u) ^ (Te4[B2(w)] & 0x0000ff00u) ^
+    return (Te4[B0(w)] & 0xff000000u) | (Te4[B1(w)] & 0x00ff0000u) | (Te4[B2(w)] & 0x0000ff00u) |
            (Te4[B3(w)] & 0x000000ffu);
 }
 
@@ -304,14 +304,14 @@ inline void encrypt_block(const uint32_t *rk, int Nr, const uint8_t *in, uint8_t
         s3 = Te0[B0(t3)] ^ Te1[B1(t0)] ^ Te2[B2(t1)] ^ Te3[B3(t2)] ^ rk[3];
     }
 
-    s0 = (Te4[B0(t0)] & 0xff000000u) ^ (Te4[B1(t1)] & 0x00ff0000u) ^ (Te4[B2(t2)] & 0x0000ff00u) ^
-         (Te4[B3(t3)] & 0x000000ffu) ^ rk[0];
-    s1 = (Te4[B0(t1)] & 0xff000000u) ^ (Te4[B1(t2)] & 0x00ff0000u) ^ (Te4[B2(t3)] & 0x0000ff00u) ^
-         (Te4[B3(t0)] & 0x000000ffu) ^ rk[1];
-    s2 = (Te4[B0(t2)] & 0xff000000u) ^ (Te4[B1(t3)] & 0x00ff0000u) ^ (Te4[B2(t0)] & 0x0000ff00u) ^
-         (Te4[B3(t1)] & 0x000000ffu) ^ rk[2];
-    s3 = (Te4[B0(t3)] & 0xff000000u) ^ (Te4[B1(t0)] & 0x00ff0000u) ^ (Te4[B2(t1)] & 0x0000ff00u) ^
-         (Te4[B3(t2)] & 0x000000ffu) ^ rk[3];
+    s0 = ((Te4[B0(t0)] & 0xff000000u) | (Te4[B1(t1)] & 0x00ff0000u) | (Te4[B2(t2)] & 0x0000ff00u) |
+          (Te4[B3(t3)] & 0x000000ffu)) ^ rk[0];
+    s1 = ((Te4[B0(t1)] & 0xff000000u) | (Te4[B1(t2)] & 0x00ff0000u) | (Te4[B2(t3)] & 0x0000ff00u) |
+          (Te4[B3(t0)] & 0x000000ffu)) ^ rk[1];
+    s2 = ((Te4[B0(t2)] & 0xff000000u) | (Te4[B1(t3)] & 0x00ff0000u) | (Te4[B2(t0)] & 0x0000ff00u) |
+          (Te4[B3(t1)] & 0x000000ffu)) ^ rk[2];
+    s3 = ((Te4[B0(t3)] & 0xff000000u) | (Te4[B1(t0)] & 0x00ff0000u) | (Te4[B2(t1)] & 0x0000ff00u) |
+          (Te4[B3(t2)] & 0x000000ffu)) ^ rk[3];
     store_be32(out, s0);
     store_be32(out + 4, s1);
     store_be32(out + 8, s2);
@@ -339,14 +339,14 @@ inline void decrypt_block(const uint32_t *rk, int Nr, const uint8_t *in, uint8_t
         s3 = Td0[B0(t3)] ^ Td1[B1(t2)] ^ Td2[B2(t1)] ^ Td3[B3(t0)] ^ rk[3];
     }
 
-    s0 = (Td4[B0(t0)] & 0xff000000u) ^ (Td4[B1(t3)] & 0x00ff0000u) ^ (Td4[B2(t2)] & 0x0000ff00u) ^
-         (Td4[B3(t1)] & 0x000000ffu) ^ rk[0];
-    s1 = (Td4[B0(t1)] & 0xff000000u) ^ (Td4[B1(t0)] & 0x00ff0000u) ^ (Td4[B2(t3)] & 0x0000ff00u) ^
-         (Td4[B3(t2)] & 0x000000ffu) ^ rk[1];
-    s2 = (Td4[B0(t2)] & 0xff000000u) ^ (Td4[B1(t1)] & 0x00ff0000u) ^ (Td4[B2(t0)] & 0x0000ff00u) ^
-         (Td4[B3(t3)] & 0x000000ffu) ^ rk[2];
-    s3 = (Td4[B0(t3)] & 0xff000000u) ^ (Td4[B1(t2)] & 0x00ff0000u) ^ (Td4[B2(t1)] & 0x0000ff00u) ^
-         (Td4[B3(t0)] & 0x000000ffu) ^ rk[3];
+    s0 = ((Td4[B0(t0)] & 0xff000000u) | (Td4[B1(t3)] & 0x00ff0000u) | (Td4[B2(t2)] & 0x0000ff00u) |
+          (Td4[B3(t1)] & 0x000000ffu)) ^ rk[0];
+    s1 = ((Td4[B0(t1)] & 0xff000000u) | (Td4[B1(t0)] & 0x00ff0000u) | (Td4[B2(t3)] & 0x0000ff00u) |
+          (Td4[B3(t2)] & 0x000000ffu)) ^ rk[1];
+    s2 = ((Td4[B0(t2)] & 0xff000000u) | (Td4[B1(t1)] & 0x00ff0000u) | (Td4[B2(t0)] & 0x0000ff00u) |
+          (Td4[B3(t3)] & 0x000000ffu)) ^ rk[2];
+    s3 = ((Td4[B0(t3)] & 0xff000000u) | (Td4[B1(t2)] & 0x00ff0000u) | (Td4[B2(t1)] & 0x0000ff00u) |
+          (Td4[B3(t0)] & 0x000000ffu)) ^ rk[3];
     store_be32(out, s0);
     store_be32(out + 4, s1);
     store_be32(out + 8, s2);

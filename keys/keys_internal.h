@@ -28,6 +28,15 @@ struct Secret {
     bool append(char c);  // false when full
 };
 
+// A descriptor closed when it goes out of scope, on every way out.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    ~Fd();
+};
+
 // Reads a regular file once, at most max bytes (else io); the caller wipes *out when secret.
 KeyError read_file_once(const std::string &path, size_t max, std::vector<uint8_t> *out);
 // The first line of "file:PATH", the variable of "env:VAR", or (pass empty) a line typed without

@@ -34,32 +34,32 @@ bool Secret::append(char c)
     return true;
 }
 
+Fd::~Fd()
+{
+    if (fd >= 0) close(fd);
+}
+
 KeyError read_file_once(const std::string &path, size_t max, std::vector<uint8_t> *out)
 {
     // O_NONBLOCK: a FIFO or device named by mistake must not hang the open.
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return fail(KeyErr::io, "cannot open " + path + ": " + strerror(errno));
+    const Fd f(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (f.fd < 0) return fail(KeyErr::io, "cannot open " + path + ": " + strerror(errno));
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        return fail(KeyErr::io, path + " is not a regular file");
-    }
+    if (fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode)) return fail(KeyErr::io, path + " is not a regular file");
     // Reserved up front: growing would leave copies of a secret in freed blocks.
     out->assign(max + 1, 0);
     size_t got = 0;
     while (got < out->size()) {
-        const ssize_t r = read(fd, out->data() + got, out->size() - got);
+        const ssize_t r = read(f.fd, out->data() + got, out->size() - got);
         if (r < 0 && errno == EINTR) continue;
         if (r < 0) {
             const int e = errno;
-            close(fd);
             vWipeBuf(out->data(), out->size());
             return fail(KeyErr::io, "cannot read " + path + ": " + strerror(e));
         }
         if (r == 0) break;
         got += size_t(r);
     }
-    close(fd);
     if (got > max) {
         vWipeBuf(out->data(), out->size());
         return fail(KeyErr::io, path + " is larger than " + std::to_string(max) + " bytes");
@@ -68,42 +68,52 @@ KeyError read_file_once(const std::string &path, size_t max, std::vector<uint8_t
     return {};
 }
 
+namespace {
+
+// The terminal of one prompt: echo off from before the prompt shows (so nothing typed after it
+// is echoed or flushed) until it is restored, with a new line for the Enter that was not echoed.
+struct QuietTerminal {
+    Fd tty{open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)};
+    int open_errno = errno;
+    struct termios old {};
+    bool quiet = false;
+    QuietTerminal()
+    {
+        if (tty.fd < 0 || tcgetattr(tty.fd, &old) != 0) return;
+        struct termios q = old;
+        q.c_lflag &= ~tcflag_t(ECHO);
+        q.c_lflag |= ICANON;
+        quiet = tcsetattr(tty.fd, TCSAFLUSH, &q) == 0;
+    }
+    ~QuietTerminal()
+    {
+        if (!quiet) return;
+        tcsetattr(tty.fd, TCSAFLUSH, &old);
+        [[maybe_unused]] const ssize_t w = write(tty.fd, "\n", 1);
+    }
+};
+
+}  // namespace
+
 KeyError prompt_secret(const std::string &what, Secret *out)
 {
     if (!isatty(0)) return fail(KeyErr::usage, "no " + what + " given and standard input is not a terminal");
-    const int fd = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return fail(KeyErr::io, std::string("cannot open the terminal: ") + strerror(errno));
-    struct termios old {};
-    if (tcgetattr(fd, &old) != 0) {
-        close(fd);
-        return fail(KeyErr::io, "cannot set up the terminal");
-    }
-    struct termios quiet = old;
-    quiet.c_lflag &= ~tcflag_t(ECHO);
-    quiet.c_lflag |= ICANON;
+    const QuietTerminal t;
+    if (t.tty.fd < 0) return fail(KeyErr::io, std::string("cannot open the terminal: ") + strerror(t.open_errno));
     const std::string prompt = "Enter " + what + ": ";
-    if (write(fd, prompt.data(), prompt.size()) < 0 || tcsetattr(fd, TCSAFLUSH, &quiet) != 0) {
-        close(fd);
+    if (!t.quiet || write(t.tty.fd, prompt.data(), prompt.size()) < 0)
         return fail(KeyErr::io, "cannot set up the terminal");
-    }
     KeyError err;
     char c = 0;
     for (;;) {
-        const ssize_t r = read(fd, &c, 1);
+        const ssize_t r = read(t.tty.fd, &c, 1);
         if (r < 0 && errno == EINTR) continue;
-        if (r <= 0 || c == '\n') {
-            if (r <= 0) err = fail(KeyErr::io, "no " + what + " read from the terminal");
-            break;
-        }
-        if (!out->append(c)) {
-            err = fail(KeyErr::usage, "the " + what + " is too long");
-            break;
-        }
+        if (r <= 0) err = fail(KeyErr::io, "no " + what + " read from the terminal");
+        else if (c != '\n' && !out->append(c)) err = fail(KeyErr::usage, "the " + what + " is too long");
+        else if (c != '\n') continue;
+        break;
     }
     vWipeBuf(&c, 1);
-    tcsetattr(fd, TCSAFLUSH, &old);
-    [[maybe_unused]] const ssize_t w = write(fd, "\n", 1);  // the user's Enter was not echoed
-    close(fd);
     return err;
 }
 

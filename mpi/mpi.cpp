@@ -681,7 +681,7 @@ mp_err mp_add(const mp_int *a, const mp_int *b, mp_int *c)
         mp_zero(c);
         return MP_OK;
     }
-    return mag > 0 ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, sb);
+    return mag == MP_GREATER ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, sb);
 }
 
 mp_err mp_sub(const mp_int *a, const mp_int *b, mp_int *c)
@@ -694,7 +694,7 @@ mp_err mp_sub(const mp_int *a, const mp_int *b, mp_int *c)
         mp_zero(c);
         return MP_OK;
     }
-    return mag > 0 ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, mp_sign(1 - sb));
+    return mag == MP_GREATER ? s_mp_diff_into(a, b, c, sa) : s_mp_diff_into(b, a, c, mp_sign(1 - sb));
 }
 
 // ---------------------------------------------------------------------------

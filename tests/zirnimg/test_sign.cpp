@@ -3,7 +3,13 @@
 // configuration's own key.  OpenSSL checks each image; each row runs plainly and with --json.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <signal.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
@@ -187,4 +193,42 @@ TEST(ZirnimgSign, EveryKeySource)
     }
     EXPECT_EQ(rows.size(), 30u);  // the file was read whole
     if (!f.t.skip.empty()) GTEST_SKIP() << "token rows: " << f.t.skip;
+}
+
+// With no passphrase given and a terminal on standard input, the passphrase is asked for on the
+// terminal and read without echo, once: a wrong one is refused, not asked again.
+TEST(ZirnimgSign, AsksForThePassphraseOnTheTerminal)
+{
+    const std::string enc = files().d + "/enc.pem";
+    const std::tuple<std::string, int, std::string> rows[] = {  // typed, status, on the screen
+        {"s3cret\n", 0, fp(zt::test_key(0).n)},
+        {"s3cre7\n", 10, "wrong passphrase"},
+        {"\x04", 5, "no passphrase of " + enc + " read from the terminal"},
+    };
+    for (const auto &[typed, status, says] : rows) {
+        int term = -1;
+        const pid_t pid = forkpty(&term, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            execl(ZIRNIMG_EXE, ZIRNIMG_EXE, "pubhash", "--key", enc.c_str(), nullptr);
+            _exit(127);
+        }
+        std::string screen;
+        char buf[4096];
+        pollfd p{term, POLLIN, 0};
+        for (ssize_t n = 0; poll(&p, 1, 10000) == 1 && (n = read(term, buf, sizeof buf)) > 0;) {
+            screen.append(buf, size_t(n));
+            if (!screen.ends_with("Enter passphrase of " + enc + ": ")) continue;
+            ASSERT_EQ(write(term, typed.data(), typed.size()), ssize_t(typed.size()));
+        }
+        int st = 0;
+        for (int i = 0; i < 1000 && waitpid(pid, &st, WNOHANG) == 0; i++) usleep(10000);
+        if (kill(pid, SIGKILL) == 0) waitpid(pid, &st, 0);  // it hung
+        termios after{};  // the terminal's echo is back, and the Enter it did not echo is shown
+        EXPECT_TRUE(tcgetattr(term, &after) == 0 && (after.c_lflag & ECHO) != 0);
+        close(term);
+        EXPECT_NE(screen.find(enc + ": \r\n"), screen.npos) << screen;
+        EXPECT_EQ(WIFEXITED(st) ? WEXITSTATUS(st) : -1, status) << screen;
+        EXPECT_NE(screen.find(says), screen.npos) << screen;
+        EXPECT_EQ(screen.find("s3cre"), screen.npos) << "echoed: " << screen;
+    }
 }
