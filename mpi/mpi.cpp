@@ -524,9 +524,9 @@ mp_err s_mp_sqr(mp_int *a)
 mp_err s_mp_mul_d(mp_int *a, mp_digit d)
 {
     const mp_word top = a->digits[a->used - 1];
-    // The carry into the top digit is below d, so the product can also need
-    // a new digit when top * d alone still fits.
-    if (top * d > DIGIT_MASK || (d != 0 && a->used == a->alloc && top * d + d - 1 > DIGIT_MASK)) {
+    // A full array grows when the top digit's product, plus the carry into it (below d), can
+    // overflow; otherwise the digit after the top one is there to take the carry.
+    if (d != 0 && a->used == a->alloc && top * d + d - 1 > DIGIT_MASK) {
         mp_err res = s_mp_grow(a, a->used + 1);
         if (res != MP_OK) return res;
     }

@@ -246,8 +246,9 @@ uint32_t mpMultiplyMod(uint32_t result[64], const uint32_t a[64], const uint32_t
                     continue;
                 }
 
-                // Refine with the divisor's second word.
-                for (int k = 0; k < 2 && !rhatWrapped; k++) {
+                // Refine with the divisor's second word; with the divisor normalised this runs
+                // at most twice.
+                while (!rhatWrapped) {
                     uint32_t t[2];
                     spMultiply(t, qhat, vNext);
                     const uint32_t uNext = remainder[j + n - 2];
@@ -386,8 +387,6 @@ int32_t pkcs_1_pss_decode_sha256(const uint8_t *msghash, uint32_t msghashlen, co
     if (rc == 0) rc = sha256_process(&ctx, db + psLen + 1, saltlen);
     if (rc == 0) rc = sha256_done(&ctx, mask);
     vWipeBuf(&ctx, sizeof(ctx));
-    if (rc != 0) return rc;
-
-    if (memcmp(mask, hash, kHashLen) == 0) *res = 1;
-    return 0;
+    if (rc == 0 && memcmp(mask, hash, kHashLen) == 0) *res = 1;
+    return rc;
 }

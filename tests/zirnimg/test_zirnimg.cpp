@@ -59,7 +59,12 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
 {
     const Keys k;
     const std::string d = k.dir;
-    EXPECT_EQ(z({"pubhash", "--cfg", k.nod}).out, kh + "\n");
+    const Bytes nod = zt::read_file(k.nod);
+    std::string upper(nod.begin(), nod.end());  // "0X" and upper-case digits read the same
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    zt::write_file(d + "/upper.cfg", upper);
+    for (const std::string &cfg : {k.nod, d + "/upper.cfg"})
+        EXPECT_EQ(z({"pubhash", "--cfg", cfg}).out, kh + "\n");
     std::mt19937_64 rng(1);
     for (size_t size : {1, 17, (1 << 20) + 3}) {  // short of, past and across the 1 MiB pieces
         const Bytes plain = zt::random_bytes(rng, size);
