@@ -66,7 +66,10 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
     for (const std::string &cfg : {k.nod, d + "/upper.cfg"})
         EXPECT_EQ(z({"pubhash", "--cfg", cfg}).out, kh + "\n");
     std::mt19937_64 rng(1);
-    for (size_t size : {1, 17, (1 << 20) + 3}) {  // short of, past and across the 1 MiB pieces
+    // short of, past and across the 1 MiB pieces; the signer's memory size written three ways
+    const std::pair<size_t, const char *> runs[] = {{1, "0x200000"}, {17, "2097152"},
+                                                    {(1 << 20) + 3, "0X200000"}};
+    for (const auto &[size, mem] : runs) {
         const Bytes plain = zt::random_bytes(rng, size);
         zt::write_file(d + "/plain", plain);
         const std::vector<std::string> sign = {k.cfg, d + "/plain", d + "/prot", "0x00200000"};
@@ -74,11 +77,14 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
         EXPECT_EQ(z({"verify", d + "/prot", "--cfg", k.nod}).status, 0);
         EXPECT_EQ(z({"decrypt", d + "/prot", "--cfg", k.nod, "-o", d + "/back"}).status, 0);
         EXPECT_EQ(zt::read_file(d + "/back"), plain);
-        const zt::Run prep = z({"prepare", k.nod, d + "/plain", d + "/unsigned", "2097152",
+        const zt::Run prep = z({"prepare", k.nod, d + "/plain", d + "/unsigned", mem,
                                 "--digest-out", d + "/digest"});
         const Bytes unsig = zt::read_file(d + "/unsigned");
-        // the unsigned image is the message
+        // the unsigned image is the message, and the signer's image before its signature
         ASSERT_EQ(prep.out, zt::to_hex(zt::sha256(unsig)) + "\n");
+        Bytes unsigned_prot = zt::read_file(d + "/prot");
+        std::fill(unsigned_prot.begin() + 316, unsigned_prot.begin() + 572, 0);
+        EXPECT_EQ(unsigned_prot, unsig);
         EXPECT_EQ(zt::read_file(d + "/digest"), zt::sha256(unsig));
         ASSERT_EQ(zt::run("/usr/bin/openssl", {"dgst", "-sha256", "-sign", dev_pem, "-sigopt",
                                                "rsa_padding_mode:pss", "-sigopt",
@@ -281,14 +287,16 @@ TEST(Zirnimg, HostileConditions)
              const zt::Run r = z({"stitch", d + "/u", d + "/big.sig", "-o", d + "/s1"});
              return r.status == 1 && has(r.err, "not smaller than the modulus") ? "" : r.err;
          }},
-        {"decrypted plaintext is owner-only", [&] {
+        {"decrypted plaintext is owner-only (and an unsigned image is not)", [&] {
              const mode_t old = umask(022);
-             const int rc = z({"decrypt", prot, "--cfg", k.nod, "-o", d + "/p2"}).status;
+             const int rc = z({"decrypt", prot, "--cfg", k.nod, "-o", d + "/p2"}).status +
+                            z({"prepare", k.nod, d + "/plain", d + "/u2", "0x01000000"}).status;
              umask(old);
-             struct stat st {};
-             stat((d + "/p2").c_str(), &st);
-             const mode_t mode = st.st_mode & 0777;
-             return rc == 0 && mode == 0600 ? "" : "mode " + std::to_string(mode);
+             struct stat plain {}, unsig {};
+             stat((d + "/p2").c_str(), &plain), stat((d + "/u2").c_str(), &unsig);
+             const mode_t mode = plain.st_mode & 0777, u_mode = unsig.st_mode & 0777;
+             if (rc == 0 && mode == 0600 && u_mode == 0644) return std::string();
+             return "modes " + std::to_string(mode) + ", " + std::to_string(u_mode);
          }},
         {"an interrupted run leaves nothing and exits 128 + signal", [&] {
              const std::string sub = d + "/int";
