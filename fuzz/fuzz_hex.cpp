@@ -11,7 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<uint8_t> buf(size_t(std::max(len, 1))), want(128);  // len bytes (0: one)
     std::copy_n(data + 1, size - 1, text.begin());
     static const char HEX[] = "0123456789abcdef0123456789ABCDEF";
-    int32_t expect = len < 0 ? -1 : text[0] != '0' ? -2 : text[1] != 'x' && text[1] != 'X' ? -3 : 0, done = 0;
+    int32_t expect = len < 0 ? -1 : text[0] != '0' ? -2 : text[1] != 'x' && text[1] != 'X' ? -3 : 0;
+    int32_t done = 0;
     for (int32_t i = 0; expect == 0 && i < 2 * len; ++i) {
         const char *digit = static_cast<const char *>(memchr(HEX, text[2 + i], 32));  // not NUL
         if (digit == nullptr) expect = -4;

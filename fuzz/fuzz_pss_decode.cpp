@@ -15,8 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::copy_n(data + 36, std::min(block.size(), size - 36), block.begin());
     const uint32_t len = uint32_t(block.size());
     int32_t verdict = -1;
-    const int32_t rc = pkcs_1_pss_decode_sha256(data + 4, 32, block.data(), len, salt_len, bits, &verdict);
-    FUZZ_CHECK((rc == 0 || rc == -2 || (rc <= -4 && rc >= -7)) && (verdict == 0 || (verdict == 1 && rc == 0)));
+    const int32_t rc =
+        pkcs_1_pss_decode_sha256(data + 4, 32, block.data(), len, salt_len, bits, &verdict);
+    FUZZ_CHECK(rc == 0 || rc == -2 || (rc <= -4 && rc >= -7));
+    FUZZ_CHECK(verdict == 0 || (verdict == 1 && rc == 0));
     // The oracle: a match exactly when the encoder, given the salt the block carries, rebuilds it.
     bool rebuilt = false;
     if (len >= salt_len + 34) {

@@ -12,7 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::copy_n(data + half, half, reinterpret_cast<uint8_t *>(mod));
     if (std::all_of(mod, mod + 64, [](uint32_t w) { return w == 0; })) return 0;
     const auto be = [](const uint32_t *w, uint8_t *b) {  // the module's byte strings are big-endian
-        std::reverse_copy(reinterpret_cast<const uint8_t *>(w), reinterpret_cast<const uint8_t *>(w + 64), b);
+        const auto *bytes = reinterpret_cast<const uint8_t *>(w);
+        std::reverse_copy(bytes, bytes + 256, b);
     };
     uint8_t a_be[256], m_be[256], m_after[256], got[256], want[256] = {}, e_be[3] = {1, 0, 1};
     be(base, a_be), be(mod, m_be);
@@ -20,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     be(mod, m_after), be(out, got);
     mp_int a, e, m, c;
     for (mp_int *x : {&a, &e, &m, &c}) FUZZ_CHECK(mp_init(x) == MP_OK);
-    FUZZ_CHECK(mp_read_unsigned_bin(&a, a_be, 256) == MP_OK && mp_read_unsigned_bin(&e, e_be, 3) == MP_OK &&
+    FUZZ_CHECK(mp_read_unsigned_bin(&a, a_be, 256) == MP_OK &&
+               mp_read_unsigned_bin(&e, e_be, 3) == MP_OK &&
                mp_read_unsigned_bin(&m, m_be, 256) == MP_OK && mp_exptmod(&a, &e, &m, &c) == MP_OK);
     const int32_t n = mp_unsigned_bin_size(&c);
     FUZZ_CHECK(n <= 256 && mp_to_unsigned_bin(&c, want + 256 - n) == MP_OK);

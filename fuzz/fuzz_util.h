@@ -22,7 +22,8 @@ inline const char *pcInputPath(const uint8_t *data, size_t size)
 {
     static const int li_fd = memfd_create("fuzz_input", 0);
     static char lac_path[32];
-    FUZZ_CHECK(li_fd >= 0 && ftruncate(li_fd, 0) == 0 && pwrite(li_fd, data, size, 0) == ssize_t(size));
+    FUZZ_CHECK(li_fd >= 0 && ftruncate(li_fd, 0) == 0);
+    FUZZ_CHECK(pwrite(li_fd, data, size, 0) == ssize_t(size));
     snprintf(lac_path, sizeof lac_path, "/proc/self/fd/%d", li_fd);
     return lac_path;
 }

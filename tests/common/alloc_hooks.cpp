@@ -23,7 +23,7 @@ namespace {
 
 std::unordered_map<void *, size_t> &held()
 {
-    static auto *blocks = new std::unordered_map<void *, size_t>;  // still usable while the program exits
+    static auto *blocks = new std::unordered_map<void *, size_t>;  // usable while the program exits
     return *blocks;
 }
 
@@ -41,13 +41,16 @@ size_t zt::AllocHooks::held() const { return ::held().size(); }
 
 // Each test program fails when any block was released without being wiped.
 struct WipeCheck : ::testing::Environment {
-    void TearDown() override { EXPECT_EQ(zt::g_alloc.dirty, 0u) << "blocks released without being overwritten with zeros"; }
+    void TearDown() override { EXPECT_EQ(zt::g_alloc.dirty, 0u) << "released blocks not wiped"; }
 };
 const auto *const g_wipe_check = ::testing::AddGlobalTestEnvironment(new WipeCheck);
 
 extern "C" {
 void *__wrap_malloc(size_t size) { return fails() ? nullptr : track(__real_malloc(size), size); }
-void *__wrap_calloc(size_t n, size_t size) { return fails() ? nullptr : track(__real_calloc(n, size), n * size); }
+void *__wrap_calloc(size_t n, size_t size)
+{
+    return fails() ? nullptr : track(__real_calloc(n, size), n * size);
+}
 void __wrap_free(void *p)
 {
     const auto it = held().find(p);

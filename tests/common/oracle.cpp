@@ -40,7 +40,8 @@ RsaKey load_key(const char *path)
 {
     EVP_PKEY *pkey = read_pkey(path);
     RsaKey k;
-    for (auto [name, out, len] : {std::tuple{OSSL_PKEY_PARAM_RSA_N, &k.n, 256}, {OSSL_PKEY_PARAM_RSA_E, &k.e, 0},
+    for (auto [name, out, len] : {std::tuple{OSSL_PKEY_PARAM_RSA_N, &k.n, 256},
+                                  {OSSL_PKEY_PARAM_RSA_E, &k.e, 0},
                                   {OSSL_PKEY_PARAM_RSA_D, &k.d, 256}}) {
         BIGNUM *b = nullptr;
         check(EVP_PKEY_get_bn_param(pkey, name, &b) == 1, path);
@@ -66,11 +67,14 @@ Bytes sign_digest(int key, const Bytes &digest, int salt_len, const char *mgf1)
     Bytes sig(256);
     size_t len = sig.size();
     const bool pss = salt_len >= 0;
-    check(ctx != nullptr && EVP_PKEY_sign_init(ctx) == 1 && EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha256()) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(ctx, pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) == 1 &&
+    const int padding = pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING;
+    check(ctx != nullptr && EVP_PKEY_sign_init(ctx) == 1 &&
+              EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha256()) == 1 &&
+              EVP_PKEY_CTX_set_rsa_padding(ctx, padding) == 1 &&
               (!pss || (EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt_len) == 1 &&
                         EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, EVP_get_digestbyname(mgf1)) == 1)) &&
-              EVP_PKEY_sign(ctx, sig.data(), &len, digest.data(), digest.size()) == 1 && len == sig.size(),
+              EVP_PKEY_sign(ctx, sig.data(), &len, digest.data(), digest.size()) == 1 &&
+              len == sig.size(),
           "EVP_PKEY_sign");
     EVP_PKEY_CTX_free(ctx);
     return sig;
@@ -79,7 +83,7 @@ Bytes sign_digest(int key, const Bytes &digest, int salt_len, const char *mgf1)
 Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len)
 {
     Bn r(BN_new());
-    check(BN_mod_exp(r.get(), bn(base).get(), bn(exp).get(), bn(n).get(), bn_ctx()) == 1, "BN_mod_exp");
+    check(BN_mod_exp(r.get(), bn(base).get(), bn(exp).get(), bn(n).get(), bn_ctx()), "BN_mod_exp");
     return bytes_of(r.get(), len);
 }
 
@@ -90,7 +94,8 @@ bool pss_accepts_em(const Bytes &mhash, const Bytes &em, uint32_t bits, int salt
     BN_set_bit(n, 0);
     RSA *rsa = RSA_new();
     RSA_set0_key(rsa, n, bn({0x01, 0x00, 0x01}).release(), nullptr);
-    const int ok = RSA_verify_PKCS1_PSS_mgf1(rsa, mhash.data(), EVP_sha256(), EVP_sha256(), em.data(), salt_len);
+    const EVP_MD *sha = EVP_sha256();
+    const int ok = RSA_verify_PKCS1_PSS_mgf1(rsa, mhash.data(), sha, sha, em.data(), salt_len);
     RSA_free(rsa);
     return ok == 1;
 }
@@ -100,8 +105,10 @@ Bytes cipher(const char *name, const Bytes &key, const Bytes &iv, const Bytes &i
     EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
     Bytes out(in.size() + 16);
     int n1 = 0, n2 = 0;
-    check(EVP_CipherInit_ex(ctx, EVP_get_cipherbyname(name), nullptr, key.data(), iv.empty() ? nullptr : iv.data(), enc) &&
-              EVP_CIPHER_CTX_set_padding(ctx, 0) && EVP_CipherUpdate(ctx, out.data(), &n1, in.data(), int(in.size())) &&
+    const uint8_t *ivp = iv.empty() ? nullptr : iv.data();
+    check(EVP_CipherInit_ex(ctx, EVP_get_cipherbyname(name), nullptr, key.data(), ivp, enc) &&
+              EVP_CIPHER_CTX_set_padding(ctx, 0) &&
+              EVP_CipherUpdate(ctx, out.data(), &n1, in.data(), int(in.size())) &&
               EVP_CipherFinal_ex(ctx, out.data() + n1, &n2),
           name);
     EVP_CIPHER_CTX_free(ctx);
@@ -112,14 +119,16 @@ Bytes cipher(const char *name, const Bytes &key, const Bytes &iv, const Bytes &i
 Bytes sha256(const Bytes &msg)
 {
     Bytes out(32);
-    check(EVP_Digest(msg.data(), msg.size(), out.data(), nullptr, EVP_sha256(), nullptr) == 1, "EVP_Digest");
+    check(EVP_Digest(msg.data(), msg.size(), out.data(), nullptr, EVP_sha256(), nullptr) == 1,
+          "EVP_Digest");
     return out;
 }
 
 Bytes mgf1(const Bytes &seed, size_t len)
 {
     Bytes mask(len + 1);
-    check(PKCS1_MGF1(mask.data(), long(len), seed.data(), long(seed.size()), EVP_sha256()) == 0, "PKCS1_MGF1");
+    check(PKCS1_MGF1(mask.data(), long(len), seed.data(), long(seed.size()), EVP_sha256()) == 0,
+          "PKCS1_MGF1");
     mask.resize(len);
     return mask;
 }
@@ -137,11 +146,13 @@ BN_CTX *bn_ctx()
     return ctx;
 }
 
-std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key, const Bytes &dec_param,
-                     const RsaKey &rsa, const Bytes *d)
+std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key,
+                     const Bytes &dec_param, const RsaKey &rsa, const Bytes *d)
 {
-    return "# zirn image protection configuration\nIMG_VER = 0x" + to_hex(img_ver) + "\nENC_PARAM = 0x" + to_hex(iv) +
-           to_hex(aes_key) + "\nDEC_PARAM = 0x" + to_hex(dec_param) + "\nAUTH_PARAM_N = 0x" + to_hex(rsa.n) +
+    return "# zirn image protection configuration\nIMG_VER = 0x" + to_hex(img_ver) +
+           "\nENC_PARAM = 0x" + to_hex(iv) + to_hex(aes_key) +
+           "\nDEC_PARAM = 0x" + to_hex(dec_param) +
+           "\nAUTH_PARAM_N = 0x" + to_hex(rsa.n) +
            "\nAUTH_PARAM_D = 0x" + to_hex(d ? *d : rsa.d) + "\n";
 }
 

@@ -43,7 +43,7 @@ inline bool pss_verify(const Bytes &n, const Bytes &msg, const Bytes &sig)
 }
 
 // A configuration file with the five keys; d defaults to the key's own.
-std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key, const Bytes &dec_param,
-                     const RsaKey &rsa, const Bytes *d = nullptr);
+std::string cfg_text(const Bytes &img_ver, const Bytes &iv, const Bytes &aes_key,
+                     const Bytes &dec_param, const RsaKey &rsa, const Bytes *d = nullptr);
 
 }  // namespace zt

@@ -18,8 +18,8 @@ void vCount(int fd, long long n)
 {
     const char *path = getenv("ZIRN_TAMPER_PATH");
     struct stat target, st;
-    if (n <= 0 || g_done || path == nullptr || stat(path, &target) != 0 || fstat(fd, &st) != 0) return;
-    if (st.st_ino != target.st_ino || st.st_dev != target.st_dev) return;
+    if (n <= 0 || g_done || path == nullptr || stat(path, &target) != 0) return;
+    if (fstat(fd, &st) != 0 || st.st_ino != target.st_ino || st.st_dev != target.st_dev) return;
     g_read += (unsigned long long)n;
     if (g_read < (unsigned long long)target.st_size) return;
     g_done = true;
@@ -45,7 +45,7 @@ extern "C" ssize_t read(int fd, void *buf, size_t len)
 
 extern "C" size_t fread(void *buf, size_t size, size_t n, FILE *fp)
 {
-    static auto real = reinterpret_cast<size_t (*)(void *, size_t, size_t, FILE *)>(dlsym(RTLD_NEXT, "fread"));
+    static auto real = reinterpret_cast<decltype(&fread)>(dlsym(RTLD_NEXT, "fread"));
     const size_t got = real(buf, size, n, fp);
     vCount(fileno(fp), (long long)(got * size));
     return got;

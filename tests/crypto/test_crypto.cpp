@@ -20,7 +20,8 @@ namespace {
 
 // CTest runs this program twice: on the instruction paths where the processor has them, and with
 // ZIRN_TEST_PORTABLE set, pinned to the portable code.
-const bool kPortable = (crypto_force_portable(getenv("ZIRN_TEST_PORTABLE") != nullptr), getenv("ZIRN_TEST_PORTABLE") != nullptr);
+const bool kPortable = (crypto_force_portable(getenv("ZIRN_TEST_PORTABLE") != nullptr),
+                        getenv("ZIRN_TEST_PORTABLE") != nullptr);
 
 const nlohmann::json &kat()
 {
@@ -29,7 +30,7 @@ const nlohmann::json &kat()
 }
 Bytes hexv(const nlohmann::json &j) { return zt::from_hex(j.get<std::string>()); }
 
-using Op = void (*)(const uint8_t *key, const uint8_t *iv, const uint8_t *in, uint8_t *out, int32_t len);
+using Op = decltype(&vAES128CBCEnc);  // (key, iv, in, out, len)
 template <uint32_t (*op)(const uint8_t *, uint8_t *, uint32_t)>  // predefined key: must succeed
 void data(const uint8_t *, const uint8_t *, const uint8_t *in, uint8_t *out, int32_t n)
 {
@@ -42,15 +43,16 @@ void ecb(const uint8_t *k, const uint8_t *, const uint8_t *in, uint8_t *out, int
 }
 
 // op over len bytes of in, once into a separate buffer guarded by 0xa5 bytes and once in place.
-std::pair<Bytes, Bytes> apply(Op op, const Bytes &key, const Bytes &iv, const Bytes &in, size_t len, size_t off = 0)
+auto apply(Op op, const Bytes &key, const Bytes &iv, const Bytes &in, size_t len, size_t off = 0)
 {
     Bytes src(off + in.size() + 16, 0xa5), dst = src;
     std::copy(in.begin(), in.end(), src.begin() + long(off));
     op(key.data(), iv.data(), src.data() + off, dst.data() + off, int32_t(len));
     op(key.data(), iv.data(), src.data() + off, src.data() + off, int32_t(len));
-    return {zt::slice(dst, off, dst.size() - off), zt::slice(src, off, src.size() - off)};
+    return std::pair(zt::slice(dst, off, dst.size() - off), zt::slice(src, off, src.size() - off));
 }
-Bytes guarded(Bytes b, size_t n) { return b.resize(n, 0xa5), b; }
+// What apply gives for an op whose output is b: b filled up to n bytes with the guard, twice.
+auto guarded(Bytes b, size_t n) { return b.resize(n, 0xa5), std::pair(b, b); }
 
 // msg fed in pieces of the given sizes (the rest in one last piece), through ctx.
 Bytes in_pieces(const Bytes &msg, const std::vector<size_t> &pieces, sha256_ctx ctx = {})
@@ -63,7 +65,8 @@ Bytes in_pieces(const Bytes &msg, const std::vector<size_t> &pieces, sha256_ctx 
         off += p;
     }
     Bytes d(32);
-    EXPECT_EQ(sha256_process(&ctx, msg.data() + off, uint32_t(msg.size() - off)) + sha256_done(&ctx, d.data()), 0);
+    EXPECT_EQ(sha256_process(&ctx, msg.data() + off, uint32_t(msg.size() - off)), 0);
+    EXPECT_EQ(sha256_done(&ctx, d.data()), 0);
     return d;
 }
 
@@ -71,9 +74,9 @@ Bytes in_pieces(const Bytes &msg, const std::vector<size_t> &pieces, sha256_ctx 
 // needle.  The asm tells the compiler that the array's old contents are its value.
 __attribute__((noinline)) bool stack_holds(const Bytes *needle)
 {
-    uint8_t area[8192];
+    uint8_t area[8192], *const end = area + sizeof area;
     __asm__ __volatile__("" : "=m"(area));
-    const bool found = needle && std::search(area, area + sizeof area, needle->begin(), needle->end()) != area + sizeof area;
+    const bool found = needle && std::search(area, end, needle->begin(), needle->end()) != end;
     if (needle == nullptr) std::fill_n(area, sizeof area, 0);
     __asm__ __volatile__("" : : "m"(area));
     return found;
@@ -109,12 +112,14 @@ TEST(Aes, Fips197ExamplesAndKeySchedules)
     for (const auto &c : kat()["fips197_key_expansion"]) {
         const Bytes key = hexv(c["key"]);
         std::vector<uint32_t> want, rk, rk128(45, 0xdeadbeef);
-        for (const auto &w : c["words"]) want.push_back(uint32_t(std::stoul(w.get<std::string>(), nullptr, 16)));
+        for (const std::string w : c["words"]) want.push_back(uint32_t(std::stoul(w, nullptr, 16)));
         want.push_back(0xdeadbeef);  // the word after the schedule stays untouched
         rk.assign(want.size(), 0xdeadbeef);
-        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), int(key.size() * 8)), int(want.size() / 4) - 1);
+        const int rounds = int(want.size() / 4) - 1;
+        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), int(key.size() * 8)), rounds);
         EXPECT_EQ(rk, want);
-        EXPECT_TRUE(key.size() != 16 || (rijndaelKeySetupEnc128(rk128.data(), key.data()) == 10 && rk128 == want));
+        EXPECT_TRUE(key.size() != 16 ||
+                    (rijndaelKeySetupEnc128(rk128.data(), key.data()) == 10 && rk128 == want));
     }
     // Unsupported lengths return 0 after loading the eight key words, and write nothing more.
     Bytes key(32);
@@ -130,22 +135,23 @@ TEST(Aes, Fips197ExamplesAndKeySchedules)
 
 TEST(Aes, Sp80038aExamplesSeparateAndInPlace)
 {
-    const auto &v = kat()["sp800_38a_aes128"];
-    const Bytes key = hexv(v["key"]), pt = hexv(v["plaintext"]);
+    const auto sp = [](const char *name) { return hexv(kat()["sp800_38a_aes128"][name]); };
+    const Bytes key = sp("key"), pt = sp("plaintext");
     const std::tuple<Op, Op, Bytes, Bytes> modes[] = {
-        {ecb<vAES128Enc>, ecb<vAES128Dec>, Bytes(16), hexv(v["F.1.1_ecb_ciphertext"])},
-        {vAES128CBCEnc, vAES128CBCDec, hexv(v["F.2.1_cbc_iv"]), hexv(v["F.2.1_cbc_ciphertext"])},
-        {vAES128CTR, vAES128CTR, hexv(v["F.5.1_ctr_initial_counter"]), hexv(v["F.5.1_ctr_ciphertext"])}};
+        {ecb<vAES128Enc>, ecb<vAES128Dec>, Bytes(16), sp("F.1.1_ecb_ciphertext")},
+        {vAES128CBCEnc, vAES128CBCDec, sp("F.2.1_cbc_iv"), sp("F.2.1_cbc_ciphertext")},
+        {vAES128CTR, vAES128CTR, sp("F.5.1_ctr_initial_counter"), sp("F.5.1_ctr_ciphertext")}};
     for (const auto &[enc, dec, iv, ct] : modes) {
         const Bytes ivc = iv;  // a copy, which must stay as it is
-        EXPECT_EQ(apply(enc, key, ivc, pt, pt.size()), std::pair(guarded(ct, 80), guarded(ct, 80)));
-        EXPECT_EQ(apply(dec, key, ivc, ct, ct.size()), std::pair(guarded(pt, 80), guarded(pt, 80)));
+        EXPECT_EQ(apply(enc, key, ivc, pt, pt.size()), guarded(ct, 80));
+        EXPECT_EQ(apply(dec, key, ivc, ct, ct.size()), guarded(pt, 80));
         EXPECT_EQ(ivc, iv) << "IV or counter written";
     }
     Bytes out(16, 0xa5);  // CTR with any argument missing does nothing
-    const uint8_t *k = key.data();
-    for (auto [kk, c, i, o] : {std::tuple{(const uint8_t *)nullptr, k, k, out.data()}, {k, nullptr, k, out.data()}, {k, k, nullptr, out.data()}, {k, k, k, nullptr}})
-        vAES128CTR(kk, c, i, o, 16);
+    const uint8_t *k = key.data(), *z = nullptr;
+    uint8_t *o = out.data();
+    for (auto [kk, c, i, d] : {std::tuple{z, k, k, o}, {k, z, k, o}, {k, k, z, o}, {k, k, k, {}}})
+        vAES128CTR(kk, c, i, d, 16);
     EXPECT_EQ(out, Bytes(16, 0xa5));
 }
 
@@ -156,14 +162,15 @@ TEST(Aes, RandomCbcAndCtrMatchOpenSsl)
     std::mt19937_64 rng(0xcbc);
     for (int iter = 0; iter < 3000; iter++) {
         const bool ctr = iter % 2, dec = iter % 4 >= 2;
-        const size_t len = iter < 136 ? size_t(iter / 4) + 1 : 1 + rng() % 700, padded = (len + 15) & ~size_t(15);
-        const size_t done = ctr ? len : padded;
+        const size_t len = iter < 136 ? size_t(iter / 4) + 1 : 1 + rng() % 700;
+        const size_t padded = (len + 15) & ~size_t(15), done = ctr ? len : padded;
         const Bytes key = zt::random_bytes(rng, 16), in = zt::random_bytes(rng, padded);
         Bytes iv = zt::random_bytes(rng, 16);
         if (iter % 5 == 0) std::fill(iv.begin() + long(rng() % 16), iv.end(), 0xff);
-        Bytes want = zt::slice(zt::cipher(ctr ? "AES-128-CTR" : "AES-128-CBC", key, iv, in, !dec || ctr), 0, done);
-        want.insert(want.end(), in.begin() + long(done), in.end());  // in place: the rest stays
-        const auto [sep, inplace] = apply(ctr ? vAES128CTR : dec ? vAES128CBCDec : vAES128CBCEnc, key, iv, in, len, rng() % 16);
+        Bytes want = zt::cipher(ctr ? "AES-128-CTR" : "AES-128-CBC", key, iv, in, !dec || ctr);
+        std::copy(in.begin() + long(done), in.end(), want.begin() + long(done));  // the rest stays
+        const Op op = ctr ? vAES128CTR : dec ? vAES128CBCDec : vAES128CBCEnc;
+        const auto [sep, inplace] = apply(op, key, iv, in, len, rng() % 16);
         ASSERT_EQ(zt::slice(sep, 0, done), zt::slice(want, 0, done)) << iter;
         ASSERT_EQ(zt::slice(sep, done, sep.size() - done), Bytes(sep.size() - done, 0xa5)) << iter;
         ASSERT_EQ(zt::slice(inplace, 0, padded), want) << iter;
@@ -175,16 +182,18 @@ TEST(Aes, RandomCbcAndCtrMatchOpenSsl)
 // ciphertext block (or the IV).
 TEST(Aes, PredefinedKeyDataMatchesItsRuleAndRoundTrips)
 {
-    const Bytes key = zt::from_hex("3c9f1a7e52d04b86e1a9077c5fb2d418"), iv = zt::from_hex("d27a4e0193bc5f68a4e21d7730c98b5e");
+    const Bytes key = zt::from_hex("3c9f1a7e52d04b86e1a9077c5fb2d418");
+    const Bytes iv = zt::from_hex("d27a4e0193bc5f68a4e21d7730c98b5e");
     std::mt19937_64 rng(100);
     for (uint32_t len = 1; len <= 100; len++) {
         const Bytes pt = zt::random_bytes(rng, len);
         const size_t full = len & ~15u;
         Bytes want = zt::cipher("AES-128-CBC", key, iv, zt::slice(pt, 0, full), true);
-        const Bytes ks = zt::cipher("AES-128-ECB", key, {}, full ? zt::slice(want, full - 16, 16) : iv, true);
+        const Bytes last = full ? zt::slice(want, full - 16, 16) : iv;  // the block before the tail
+        const Bytes ks = zt::cipher("AES-128-ECB", key, {}, last, true);
         for (size_t i = full; i < len; i++) want.push_back(pt[i] ^ ks[i - full]);
-        EXPECT_EQ(apply(data<uiEncData>, {}, {}, pt, len), std::pair(guarded(want, len + 16), guarded(want, len + 16))) << len;
-        EXPECT_EQ(apply(data<uiDecData>, {}, {}, want, len), std::pair(guarded(pt, len + 16), guarded(pt, len + 16))) << len;
+        EXPECT_EQ(apply(data<uiEncData>, {}, {}, pt, len), guarded(want, len + 16)) << len;
+        EXPECT_EQ(apply(data<uiDecData>, {}, {}, want, len), guarded(pt, len + 16)) << len;
     }
 }
 
@@ -194,15 +203,18 @@ TEST(Aes, NoRoundKeyLeftOnTheStack)
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's frames reach below the area the operations clear";
 #endif
-    const Bytes key = zt::from_hex("2b7e151628aed2a6abf7158809cf4f3c"), predefined = zt::from_hex("3c9f1a7e52d04b86e1a9077c5fb2d418");
+    const Bytes key = zt::from_hex("2b7e151628aed2a6abf7158809cf4f3c");
+    const Bytes predefined = zt::from_hex("3c9f1a7e52d04b86e1a9077c5fb2d418");
     const Bytes in(64, 0x11), iv(16, 0x22);
-    const std::pair<Op, const Bytes *> ops[] = {{ecb<vAES128Enc>, &key}, {ecb<vAES128Dec>, &key}, {vAES128CBCEnc, &key}, {vAES128CBCDec, &key},
-                                                {vAES128CTR, &key}, {data<uiEncData>, &predefined}, {data<uiDecData>, &predefined}};
+    const std::pair<Op, const Bytes *> ops[] = {
+        {ecb<vAES128Enc>, &key}, {ecb<vAES128Dec>, &key}, {vAES128CBCEnc, &key},
+        {vAES128CBCDec, &key}, {vAES128CTR, &key},
+        {data<uiEncData>, &predefined}, {data<uiDecData>, &predefined}};
     for (size_t i = 0; i < std::size(ops); i++) {
         const auto [op, k] = ops[i];
         uint32_t rk[44];
         rijndaelKeySetupEnc128(rk, k->data());
-        Bytes words(reinterpret_cast<uint8_t *>(rk + 40), reinterpret_cast<uint8_t *>(rk + 44)), bytes;
+        Bytes words((uint8_t *)(rk + 40), (uint8_t *)(rk + 44)), bytes;
         for (int b = 0; b < 16; b++) bytes.push_back(uint8_t(rk[40 + b / 4] >> (24 - 8 * (b % 4))));
         Bytes out(64);
         stack_holds(nullptr);
@@ -218,20 +230,21 @@ TEST(Sha256, PublishedVectorsWholeAndInPiecesAndRandomMessagesMatchOpenSsl)
     for (const auto &c : kat()["sha256"]) {
         Bytes msg = zt::from_hex(c.value("msg_hex", "")), d(32);
         const std::string unit = c.value("msg_ascii_repeat", ""), want = c["digest"];
-        for (int i = c.value("repeat", 0); i > 0; i--) msg.insert(msg.end(), unit.begin(), unit.end());
+        for (int i = c.value("repeat", 0); i--;) msg.insert(msg.end(), unit.begin(), unit.end());
         msg.reserve(1);
         ASSERT_EQ(sha256(msg.data(), uint32_t(msg.size()), d.data()), 0);
-        EXPECT_EQ(std::pair(zt::to_hex(d), zt::to_hex(in_pieces(msg, std::vector<size_t>(msg.size() / 37, 37)))), std::pair(want, want)) << c["name"];
+        const Bytes pieces = in_pieces(msg, std::vector<size_t>(msg.size() / 37, 37));
+        EXPECT_EQ(std::pair(zt::to_hex(d), zt::to_hex(pieces)), std::pair(want, want)) << c["name"];
     }
     std::mt19937_64 rng(20261122);
     for (int iter = 0; iter < 3000; iter++) {
         const Bytes msg = zt::random_bytes(rng, rng() % (iter < 2500 ? 300 : 5000));
-        std::vector<size_t> pieces(rng() % 8);
-        for (auto &p : pieces) p = rng() % 2 ? rng() % 130 : rng() % 3;
-        Bytes sha1_got(20), sha1_want(20);
-        sha1(msg.data(), msg.size(), sha1_got.data());
-        EVP_Digest(msg.data(), msg.size(), sha1_want.data(), nullptr, EVP_sha1(), nullptr);
-        ASSERT_EQ(std::pair(in_pieces(msg, pieces), sha1_got), std::pair(zt::sha256(msg), sha1_want)) << iter;
+        std::vector<size_t> cuts(rng() % 8);
+        for (auto &p : cuts) p = rng() % 2 ? rng() % 130 : rng() % 3;
+        Bytes s1(20), s1_want(20);  // SHA-1
+        sha1(msg.data(), msg.size(), s1.data());
+        EVP_Digest(msg.data(), msg.size(), s1_want.data(), nullptr, EVP_sha1(), nullptr);
+        ASSERT_EQ(std::pair(in_pieces(msg, cuts), s1), std::pair(zt::sha256(msg), s1_want)) << iter;
     }
 }
 
@@ -239,11 +252,17 @@ TEST(Sha256, ResultCodesLeaveTheContextAlone)
 {
     uint8_t in[8] = {1, 2, 3}, out[32];
     sha256_ctx ctx{}, *c = &ctx;
-    for (auto [fill, call, want] : {std::tuple{0u, std::function<int()>([] { return sha256_init(nullptr); }), -1},
-                                    {0, [&] { return sha256_process(nullptr, in, 3); }, -1}, {0, [&] { return sha256_process(c, nullptr, 0); }, -2},
-                                    {65, [&] { return sha256_process(c, in, 0); }, -3}, {0, [&] { return sha256_done(nullptr, out); }, -2},
-                                    {64, [&] { return sha256_done(c, nullptr); }, -3}, {64, [&] { return sha256_done(c, out); }, -4},
-                                    {0, [&] { return sha256(nullptr, 0, out); }, -2}, {0, [&] { return sha256(in, 3, nullptr); }, -3}}) {
+    const std::tuple<uint32_t, std::function<int()>, int> rows[] = {
+        {0, [] { return sha256_init(nullptr); }, -1},
+        {0, [&] { return sha256_process(nullptr, in, 3); }, -1},
+        {0, [&] { return sha256_process(c, nullptr, 0); }, -2},
+        {65, [&] { return sha256_process(c, in, 0); }, -3},
+        {0, [&] { return sha256_done(nullptr, out); }, -2},
+        {64, [&] { return sha256_done(c, nullptr); }, -3},
+        {64, [&] { return sha256_done(c, out); }, -4},
+        {0, [&] { return sha256(nullptr, 0, out); }, -2},
+        {0, [&] { return sha256(in, 3, nullptr); }, -3}};
+    for (const auto &[fill, call, want] : rows) {
         sha256_init(&ctx);
         ctx.fill = fill;
         const sha256_ctx before = ctx;

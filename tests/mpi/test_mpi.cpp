@@ -40,20 +40,22 @@ Bytes mag(const mp_int *mp)
 }
 std::string hex(const mp_int *mp)  // "-1f00", "0"
 {
-    const std::string h = zt::to_hex(mag(mp));
-    return (mp->sign == MP_MINUS ? "-" : "") + h.substr(std::min(h.find_first_not_of('0'), h.size() - 1));
+    const std::string h = zt::to_hex(mag(mp)), sign = mp->sign == MP_MINUS ? "-" : "";
+    return sign + h.substr(std::min(h.find_first_not_of('0'), h.size() - 1));
 }
 zt::Bn bn(const mp_int *mp) { return zt::bn(mag(mp), mp->sign == MP_MINUS); }
 
 // "" when got is a valid record (the invariants every public operation restores) holding want.
 std::string same(const mp_int *got, const BIGNUM *want)
 {
-    bool ok = got->used >= 1 && got->used <= got->alloc && (got->used == 1 || got->digits[got->used - 1] != 0) &&
+    bool ok = got->used >= 1 && got->used <= got->alloc &&
+              (got->used == 1 || got->digits[got->used - 1] != 0) &&
               !(got->used == 1 && got->digits[0] == 0 && got->sign == MP_MINUS);
     for (uint32_t i = got->used; i < got->alloc; i++) ok = ok && got->digits[i] == 0;
     Bytes w(size_t(std::max(BN_num_bytes(want), 1)));
     BN_bn2binpad(want, w.data(), int(w.size()));
-    return ok && mag(got) == w && (got->sign == MP_MINUS) == bool(BN_is_negative(want)) ? "" : "got " + hex(got) + ", want " + zt::to_hex(w);
+    ok = ok && mag(got) == w && (got->sign == MP_MINUS) == bool(BN_is_negative(want));
+    return ok ? "" : "got " + hex(got) + ", want " + zt::to_hex(w);
 }
 
 // lo..hi digits, a random sign; some with runs of 0x0000 / 0xFFFF digits, a top digit of 1 or
@@ -91,7 +93,8 @@ TEST(Mpi, ArithmeticMatchesBignum)
             g(r[0].get(), A.get(), B.get());
             g(r[1].get(), A.get(), A.get());
             Mp c1, c2(&a), c3(&b), c4(&a), c5;  // c apart, c = a, c = b, all one, a = b
-            ASSERT_EQ(f(&a, &b, &c1) + f(&c2, &b, &c2) + f(&a, &c3, &c3) + f(&c4, &c4, &c4) + f(&a, &a, &c5), MP_OK);
+            ASSERT_EQ(f(&a, &b, &c1) + f(&c2, &b, &c2) + f(&a, &c3, &c3) + f(&c4, &c4, &c4) +
+                          f(&a, &a, &c5), MP_OK);
             ASSERT_EQ(same(&c1, r[0].get()) + same(&c2, r[0].get()) + same(&c3, r[0].get()) +
                           same(&c4, r[1].get()) + same(&c5, r[1].get()), "") << iter;
         }
@@ -104,7 +107,8 @@ TEST(Mpi, ArithmeticMatchesBignum)
         Mp x(&a), y(&a), z(&a), q, rem, res, in_place(&a), pos(&b);
         pos->sign = MP_PLUS;
         ASSERT_EQ(s_mp_mul(&x, &b) + s_mp_sqr(&y) + s_mp_mul(&z, &z), MP_OK);
-        ASSERT_EQ(mp_div(&a, &b, &q, &rem) + mp_div(&in_place, &b, &in_place, nullptr) + mp_mod(&a, &pos, &res), MP_OK);
+        ASSERT_EQ(mp_div(&a, &b, &q, &rem) + mp_div(&in_place, &b, &in_place, nullptr) +
+                      mp_mod(&a, &pos, &res), MP_OK);
         ASSERT_EQ(same(&x, r[2].get()) + same(&y, r[3].get()) + same(&z, r[3].get()) +
                       same(&q, r[4].get()) + same(&rem, r[5].get()) + same(&in_place, r[4].get()) +
                       same(&res, r[6].get()) + same(&a, A.get()), "") << iter;
@@ -115,7 +119,9 @@ TEST(Mpi, ArithmeticMatchesBignum)
 TEST(Mpi, ExponentiationMatchesBignum)
 {
     std::mt19937_64 rng(0x5eed0005);
-    for (auto [count, base, exp, mod_lo, mod_hi] : {std::tuple{1500, 12u, 4u, 1u, 8u}, {40, 300, 2, 1, 300}, {4, 128, 128, 128, 128}}) {
+    for (auto [count, base, exp, mod_lo, mod_hi] : {std::tuple{1500, 12u, 4u, 1u, 8u},
+                                                    {40, 300, 2, 1, 300},
+                                                    {4, 128, 128, 128, 128}}) {
         for (int iter = 0; iter < count; iter++) {
             Mp a, b, m, c;
             random_mp(rng, &a, 1, base);
@@ -144,7 +150,8 @@ TEST(Mpi, DocumentedCases)
     }
     for (int which = 0; which < 3; which++) {  // the result may be any operand
         Mp x[3];
-        set_hex(&x[0], "123456789abcdef0123"), set_hex(&x[1], "fedcba98765"), set_hex(&x[2], "f123456789abcdef01234567");
+        set_hex(&x[0], "123456789abcdef0123"), set_hex(&x[1], "fedcba98765");
+        set_hex(&x[2], "f123456789abcdef01234567");
         ASSERT_EQ(mp_exptmod(&x[0], &x[1], &x[2], &x[which]), MP_OK);
         EXPECT_EQ(hex(&x[which]), "9e77eabb45c2d1ca77c33c72") << which;
     }
@@ -152,11 +159,14 @@ TEST(Mpi, DocumentedCases)
 
 TEST(Mpi, RepresentationAndKernels)
 {
-    for (auto [in, used, alloc, out] : {std::tuple{"00", 1u, 64u, "00"}, {"000001", 1, 64, "01"}, {"010000", 2, 64, "010000"}}) {
+    for (auto [in, used, alloc, out] : {std::tuple{"00", 1u, 64u, "00"},
+                                        {"000001", 1, 64, "01"},
+                                        {"010000", 2, 64, "010000"}}) {
         Mp a;
         set_hex(&a, "-123456789abcdef");  // replaced entirely by the read
         set(&a, zt::from_hex(in));
-        EXPECT_EQ(std::tuple(a->used, a->alloc, zt::to_hex(mag(&a)), a->sign), std::tuple(used, alloc, out, MP_PLUS));
+        EXPECT_EQ(std::tuple(a->used, a->alloc, zt::to_hex(mag(&a)), a->sign),
+                  std::tuple(used, alloc, out, MP_PLUS));
     }
     // Single-digit product and sum on exact-size arrays: every carry out of the top must grow them.
     for (auto [a, d, prod, sum] : {std::tuple{"0", 5, "0", "5"},
@@ -175,8 +185,10 @@ TEST(Mpi, RepresentationAndKernels)
     mp_int small{};
     set_hex(&a, "-1000000000000000000000000");
     mp_digit *big_digits = big->digits;
-    ASSERT_EQ(mp_init_size(&small, 2) + mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2) + s_mp_grow(&a, 65), MP_OK);
-    EXPECT_EQ(std::tuple(big->digits, small.alloc, hex(&small), hex(&big), z->used, a->alloc), std::tuple(big_digits, 7u, hex(&a), hex(&a), 3u, 128u));
+    ASSERT_EQ(mp_init_size(&small, 2) + mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2) +
+                  s_mp_grow(&a, 65), MP_OK);
+    EXPECT_EQ(std::tuple(big->digits, small.alloc, hex(&small), hex(&big), z->used, a->alloc),
+              std::tuple(big_digits, 7u, hex(&a), hex(&a), 3u, 128u));
     mp_clear(&small);
     mp_clear(&small);  // harmless twice, and on null
     mp_clear(nullptr), mp_set(nullptr, 1);
@@ -188,20 +200,23 @@ namespace {
 // Fails each allocation that op makes in turn (with spread > 0: the first eight, then spread more
 // across the run): every run must report out of memory, leave the records in keep as they were
 // and release what it obtained (the hooks check that everything released was wiped).
-void fail_each_allocation(const std::function<mp_err()> &op, const std::vector<mp_int *> &keep, uint64_t spread = 0)
+void fail_each_allocation(const std::function<mp_err()> &op, const std::vector<mp_int *> &keep,
+                          uint64_t spread = 0)
 {
     std::deque<Mp> saved;
     for (mp_int *k : keep) saved.emplace_back(k);
     const uint64_t before = zt::g_alloc.calls;
     ASSERT_EQ(op(), MP_OK);
     const uint64_t count = zt::g_alloc.calls - before;
+    const uint64_t step = spread ? std::max<uint64_t>(1, count / spread) : 1;  // after the first 8
     for (size_t i = 0; i < keep.size(); i++) ASSERT_EQ(mp_copy(&saved[i].v, keep[i]), MP_OK);
     const auto state = [&] {
         std::vector<std::pair<mp_digit *, std::vector<mp_digit>>> st;
-        for (mp_int *k : keep) st.emplace_back(k->digits, std::vector<mp_digit>(k->digits, k->digits + k->alloc));
+        for (mp_int *k : keep)
+            st.emplace_back(k->digits, std::vector<mp_digit>(k->digits, k->digits + k->alloc));
         return std::pair(st, zt::g_alloc.held());
     };
-    for (uint64_t n = 1; n <= count; n += spread && n >= 8 ? std::max<uint64_t>(1, count / spread) : 1) {
+    for (uint64_t n = 1; n <= count; n += n >= 8 ? step : 1) {
         const auto before_run = state();
         zt::g_alloc.fail_nth(n);
         const mp_err res = op();
@@ -218,7 +233,8 @@ TEST(Mpi, EveryAllocationFailureIsClean)
     std::mt19937_64 rng(0xa110c001);
     const zt::RsaKey &key = zt::test_key(0);
     Mp a, e, d, n, c, q, r;
-    set(&a, zt::random_bytes(rng, 255)), set(&e, key.e), set(&d, key.d), set(&n, key.n), set_hex(&c, "-1234567");
+    set(&a, zt::random_bytes(rng, 255)), set(&e, key.e), set(&d, key.d), set(&n, key.n);
+    set_hex(&c, "-1234567");
     fail_each_allocation([&] { return mp_exptmod(&a, &e, &n, &c); }, {&a, &e, &n, &c});
     fail_each_allocation([&] { return mp_exptmod(&a, &d, &n, &c); }, {&a, &d, &n, &c}, 12);
     for (int iter = 0; iter < 4; iter++) {

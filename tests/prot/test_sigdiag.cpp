@@ -29,11 +29,12 @@ Bytes plus_n(const Bytes &s, const Bytes &n)
 TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
 {
     std::mt19937_64 rng(20261201);
-    const Bytes &n = zt::test_key(kKey).n, digest = zt::random_bytes(rng, 32);
-    const Bytes other = zt::random_bytes(rng, 32), twice = zt::sha256(digest);
+    const Bytes &n = zt::test_key(kKey).n, md = zt::random_bytes(rng, 32);  // the image's digest
+    const Bytes md2 = zt::random_bytes(rng, 32);  // another content's
     auto pss = [&](int salt, const char *mgf1 = "SHA256", const Bytes &m = {}, int key = kKey) {
-        return zt::sign_digest(key, m.empty() ? digest : m, salt, mgf1);
+        return zt::sign_digest(key, m.empty() ? md : m, salt, mgf1);
     };
+    const Bytes twice = pss(32, "SHA256", zt::sha256(md));  // over the digest hashed again
     Bytes valid = pss(32), random = zt::random_bytes(rng, 256), n_minus_1 = n;
     while (plus_n(valid, n).empty()) valid = pss(32);  // PSS salts are fresh: some sums fit
     Bytes foreign = pss(32, "SHA256", {}, kOtherKey);  // below n, or it is refused as such
@@ -48,25 +49,26 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         std::string mgf1, says;
     };
     const Row rows[] = {
-        {"valid", valid, digest, "valid", 32, "SHA-256", "verifies"},
-        {"PKCS#1 v1.5", pss(-1), digest, "pkcs1_v1_5", -1, "", "PKCS#1 v1.5"},
-        {"salt 0", pss(0), digest, "pss_salt_length", 0, "SHA-256", "salt of 0 bytes"},
-        {"salt 20", pss(20), digest, "pss_salt_length", 20, "SHA-256", "salt of 20 bytes"},
-        {"salt 64", pss(64), digest, "pss_salt_length", 64, "SHA-256", "salt of 64 bytes"},
-        {"MGF1-SHA1", pss(32, "SHA1"), digest, "mgf1_hash", 32, "SHA-1", "MGF1 over SHA-1;"},
-        {"MGF1-SHA1 salt 20", pss(20, "SHA1"), digest, "mgf1_hash", 20, "SHA-1", "salt is 20 bytes"},
-        {"hashed twice", pss(32, "SHA256", twice), digest, "digest_hashed_twice", 32, "SHA-256", "again"},
-        {"content changed", valid, other, "content_changed", 32, "SHA-256", "changed after signing"},
-        {"another key", foreign, digest, "wrong_key", -1, "", "another key"},
-        {"random below n", random, digest, "wrong_key", -1, "", "another key"},
-        {"n - 1", n_minus_1, digest, "wrong_key", -1, "", "another key"},
-        {"s = n", n, digest, "signature_not_below_modulus", -1, "", "modulus"},
-        {"s + n", plus_n(valid, n), digest, "signature_not_below_modulus", -1, "", "modulus"},
+        {"valid", valid, md, "valid", 32, "SHA-256", "verifies"},
+        {"PKCS#1 v1.5", pss(-1), md, "pkcs1_v1_5", -1, "", "PKCS#1 v1.5"},
+        {"salt 0", pss(0), md, "pss_salt_length", 0, "SHA-256", "salt of 0 bytes"},
+        {"salt 20", pss(20), md, "pss_salt_length", 20, "SHA-256", "salt of 20 bytes"},
+        {"salt 64", pss(64), md, "pss_salt_length", 64, "SHA-256", "salt of 64 bytes"},
+        {"MGF1-SHA1", pss(32, "SHA1"), md, "mgf1_hash", 32, "SHA-1", "MGF1 over SHA-1;"},
+        {"MGF1-SHA1 salt 20", pss(20, "SHA1"), md, "mgf1_hash", 20, "SHA-1", "salt is 20 bytes"},
+        {"hashed twice", twice, md, "digest_hashed_twice", 32, "SHA-256", "again"},
+        {"content changed", valid, md2, "content_changed", 32, "SHA-256", "changed after signing"},
+        {"another key", foreign, md, "wrong_key", -1, "", "another key"},
+        {"random below n", random, md, "wrong_key", -1, "", "another key"},
+        {"n - 1", n_minus_1, md, "wrong_key", -1, "", "another key"},
+        {"s = n", n, md, "signature_not_below_modulus", -1, "", "modulus"},
+        {"s + n", plus_n(valid, n), md, "signature_not_below_modulus", -1, "", "modulus"},
     };
     for (const auto &r : rows) {
         ZirnSigDiag d{};
         const uint8_t *sig = r.sig.data(), *m = r.checked.data();
-        EXPECT_EQ(zt::capture_stdout([&] { d = stDiagnoseZIRNImgSigV10(n.data(), sig, m); }), "") << r.what;
+        const auto diagnose = [&] { d = stDiagnoseZIRNImgSigV10(n.data(), sig, m); };
+        EXPECT_EQ(zt::capture_stdout(diagnose), "") << r.what;
         const std::string mgf1 = d.mgf1_hash ? d.mgf1_hash : "", text = sZIRNSigDiagTextV10(d);
         const auto got = std::tuple(pcZIRNSigDiagNameV10(d.kind), d.salt_len, mgf1);
         EXPECT_EQ(got, std::tuple(r.kind, r.salt, r.mgf1)) << r.what;

@@ -30,19 +30,22 @@ Verdict decode(const Bytes &mhash, const Bytes &em, uint32_t salt_len = 32, uint
 {
     int32_t verdict = 99;
     const auto [rc, out] = zt::printed([&] {
-        return pkcs_1_pss_decode_sha256(mhash.data(), uint32_t(mhash.size()), em.data(), uint32_t(em.size()), salt_len, bits, &verdict);
+        return pkcs_1_pss_decode_sha256(mhash.data(), uint32_t(mhash.size()), em.data(),
+                                        uint32_t(em.size()), salt_len, bits, &verdict);
     });
     return {rc, verdict, out};
 }
 
 // {result, output length, output, printed}; with a salt through the unit-internal entry.
-auto encode(const Bytes &mhash, uint32_t salt_len, uint32_t bits, const Bytes *salt = nullptr, uint32_t cap = 512)
+auto encode(const Bytes &mhash, uint32_t salt_len, uint32_t bits, const Bytes *salt = nullptr,
+            uint32_t cap = 512)
 {
     Bytes em(cap, 0xEE);
-    uint32_t len = cap;
+    uint32_t len = cap, mlen = uint32_t(mhash.size());
     const auto [rc, out] = zt::printed([&] {
-        return salt ? s_pkcs_1_pss_encode_sha256(mhash.data(), uint32_t(mhash.size()), salt->data(), salt_len, bits, em.data(), &len)
-                    : pkcs_1_pss_encode_sha256(mhash.data(), uint32_t(mhash.size()), salt_len, bits, em.data(), &len);
+        return salt ? s_pkcs_1_pss_encode_sha256(mhash.data(), mlen, salt->data(), salt_len, bits,
+                                                 em.data(), &len)
+                    : pkcs_1_pss_encode_sha256(mhash.data(), mlen, salt_len, bits, em.data(), &len);
     });
     if (rc == 0) em.resize(len);
     return std::tuple(rc, len, em, out);
@@ -70,10 +73,10 @@ Bytes build_em(Bytes db, const Bytes &h, uint8_t top_mask = 0x7F)
 // The salt inside an encoded message, unmasked with OpenSSL's MGF1.
 Bytes salt_of(const Bytes &em, size_t salt_len)
 {
-    const size_t db_len = em.size() - 33;
+    const size_t db_len = em.size() - 33, at = db_len - salt_len;
     const Bytes mask = zt::mgf1(zt::slice(em, db_len, 32), db_len);
     Bytes salt(salt_len);
-    for (size_t i = 0; i < salt_len; i++) salt[i] = em[db_len - salt_len + i] ^ mask[db_len - salt_len + i];
+    for (size_t i = 0; i < salt_len; i++) salt[i] = em[at + i] ^ mask[at + i];
     return salt;
 }
 
@@ -83,7 +86,8 @@ auto exptmod(const Bytes &in, const Bytes &key, const Bytes &mod, uint32_t cap =
     Bytes out(cap, 0xEE);
     uint32_t len = cap;
     const auto [rc, printed] = zt::printed([&] {
-        return rsa_exptmod(in.data(), int32_t(in.size()), out.data(), &len, key.data(), int32_t(key.size()), mod.data(), int32_t(mod.size()));
+        return rsa_exptmod(in.data(), int32_t(in.size()), out.data(), &len, key.data(),
+                           int32_t(key.size()), mod.data(), int32_t(mod.size()));
     });
     return std::tuple(rc, len, out, printed);
 }
@@ -93,10 +97,10 @@ std::string err(const std::string &what, const std::string &call = "pkcs_1_pss_d
     return "Error: " + what + " for " + call + " operation\n";
 }
 Bytes operator+(Bytes b, uint8_t x) { return b.push_back(x), b; }
-Bytes padded(const Bytes &b, size_t len) { return zt::from_hex(std::string(2 * (len - b.size()), '0') + zt::to_hex(b)); }
+Bytes padded(Bytes b, size_t len) { return b.insert(b.begin(), len - b.size(), 0), b; }
 
 using Op = std::array<uint32_t, 64>;
-zt::Bn bn(const Op &w) { return zt::Bn(BN_lebin2bn(reinterpret_cast<const uint8_t *>(w.data()), 256, nullptr)); }
+zt::Bn bn(const Op &w) { return zt::Bn(BN_lebin2bn((const uint8_t *)w.data(), 256, nullptr)); }
 Op words(const BIGNUM *b)
 {
     Op w;
@@ -139,7 +143,8 @@ TEST(Pss, WycheproofVectors)
             const auto [rc, verdict, out] = decode(digest, em);
             if (t["result"] == "valid") {
                 valid++;
-                EXPECT_EQ(std::tuple(rc, verdict, std::get<2>(encode(digest, 32, 2048, &salt))), std::tuple(0, 1, em)) << t["tcId"];
+                const Bytes rebuilt = std::get<2>(encode(digest, 32, 2048, &salt));
+                EXPECT_EQ(std::tuple(rc, verdict, rebuilt), std::tuple(0, 1, em)) << t["tcId"];
             } else {
                 invalid++;
                 EXPECT_NE(verdict, 1) << t["tcId"];
@@ -229,7 +234,8 @@ TEST(Pss, SaltComesFromTheClockSeededGenerator)
     const Bytes digest(32, 0x5A);
     Bytes em, again, want(222);
     for (time_t t = 0; t != time(nullptr);) {  // within one second
-        t = time(nullptr), em = std::get<2>(encode(digest, 222, 2048)), again = std::get<2>(encode(digest, 222, 2048));
+        t = time(nullptr), em = std::get<2>(encode(digest, 222, 2048));
+        again = std::get<2>(encode(digest, 222, 2048));
         srand(unsigned(t));
     }
     for (auto &b : want) b = uint8_t(rand() % 255);
@@ -285,8 +291,9 @@ TEST(RsaExptmod, MatchesOpenSslAndRightAlignsTheResult)
     for (const Bytes &in : {Bytes(256, 0), {0x01}, n_minus_1, key.n, r255, r200})  // n gives 0
         EXPECT_EQ(exptmod(in, key.d, key.n), std::tuple(0, 256u, zt::modexp(in, key.d, key.n), ""));
     // As long as the modulus as a number, not as given; the checks, messages, nothing written.
-    EXPECT_EQ(exptmod({0x02}, key.e, padded(key.n, 257), 258), std::tuple(0, 256u, padded(zt::modexp({2}, key.e, key.n), 256) + 0xEE + 0xEE, ""s));
-    EXPECT_EQ(exptmod({0x05}, {0x03}, {0, 0, 1, 0, 1}, 4), std::tuple(0, 3u, Bytes{0x00, 0x00, 0x7D, 0xEE}, ""s));  // 125
+    EXPECT_EQ(exptmod({0x02}, key.e, padded(key.n, 257), 258),
+              std::tuple(0, 256u, padded(zt::modexp({2}, key.e, key.n), 256) + 0xEE + 0xEE, ""s));
+    EXPECT_EQ(exptmod({5}, {3}, {0, 0, 1, 0, 1}, 4), std::tuple(0, 3u, Bytes{0, 0, 125, 0xEE}, ""));
     const std::string smaller = "Error: rsa n is smaller than input data\nRSA N =>\n" + dump(key.n);
     EXPECT_EQ(exptmod(n_plus_1, key.d, key.n),
               std::tuple(-5, 256u, Bytes(256, 0xEE), smaller + "Input Data =>\n" + dump(n_plus_1)));
@@ -302,6 +309,7 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
     in[0] = 0x01;  // a full-length value below n
     const std::string init_key = "Error: init tmp_key parameter for rsa operation\n";
     const std::string read = "Error: fail to read ";
+    const std::string calc = "Error: fail to calculate exponent mod\n";
     for (const Bytes *exp : {&key.e, &key.d}) {
         // Allocations 1-3 set up the three integers; each read of over 128 bytes then grows its
         // integer once; the rest belong to the exponentiation.
@@ -319,8 +327,9 @@ TEST(RsaExptmod, EveryAllocationFailureHasItsMessage)
             zt::g_alloc.fail_nth(n);
             const auto [rc, len, out, printed] = exptmod(in, *exp, key.n);
             zt::g_alloc.fail_nth(0);
-            const auto want = n <= steps.size() ? steps[n - 1] : std::pair(MP_NOMEM, "Error: fail to calculate exponent mod\n"s);
-            ASSERT_EQ(std::tuple(rc, printed, out, zt::g_alloc.held()), std::tuple(want.first, want.second, Bytes(256, 0xEE), live)) << n;
+            const auto [code, msg] = n <= steps.size() ? steps[n - 1] : std::pair(MP_NOMEM, calc);
+            ASSERT_EQ(std::tuple(rc, printed, out, zt::g_alloc.held()),
+                      std::tuple(code, msg, Bytes(256, 0xEE), live)) << n;
         }
     }
 }
@@ -386,7 +395,8 @@ TEST(WordRoute, ShiftsMatchBignum)
         BN_mask_bits(wl.get(), 2048);
         BN_rshift(wr.get(), bn(a).get(), int(shift));
         ASSERT_EQ(mpShiftLeft(l.data(), a.data(), shift, 64), out);
-        mpShiftLeft(l_in.data(), l_in.data(), shift, 64), mpShiftRight(r_in.data(), r_in.data(), shift, 64);
+        mpShiftLeft(l_in.data(), l_in.data(), shift, 64);
+        mpShiftRight(r_in.data(), r_in.data(), shift, 64);
         mpShiftRight(r.data(), a.data(), shift, 64);
         const Op left = words(wl.get()), right = words(wr.get());
         EXPECT_EQ(std::tuple(l, l_in, r, r_in), std::tuple(left, left, right, right)) << shift;
