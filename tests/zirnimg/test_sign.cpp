@@ -221,8 +221,9 @@ TEST(ZirnimgSign, AsksForThePassphraseOnTheTerminal)
             ASSERT_EQ(write(term, typed.data(), typed.size()), ssize_t(typed.size()));
         }
         int st = 0;
-        for (int i = 0; i < 1000 && waitpid(pid, &st, WNOHANG) == 0; i++) usleep(10000);
-        if (kill(pid, SIGKILL) == 0) waitpid(pid, &st, 0);  // it hung
+        pid_t ended = 0;
+        for (int i = 0; i < 1000 && (ended = waitpid(pid, &st, WNOHANG)) == 0; i++) usleep(10000);
+        if (ended == 0) kill(pid, SIGKILL), waitpid(pid, &st, 0);  // it hung; never a reaped pid
         termios after{};  // the terminal's echo is back, and the Enter it did not echo is shown
         EXPECT_TRUE(tcgetattr(term, &after) == 0 && (after.c_lflag & ECHO) != 0);
         close(term);
