@@ -64,6 +64,31 @@ bool bPkcs1V15Layout(const uint8_t em[EM_BYTES])
     return i >= 10 && i < EM_BYTES - 1 && em[i] == 0x00;
 }
 
+// What em is under MGF1 over one hash: WRONG_KEY without the PSS layout, CONTENT_CHANGED when its H
+// covers neither the digest nor the digest hashed again.
+ZirnSigDiag stUnderMgf1(const uint8_t em[EM_BYTES], HashFn hash, uint32_t hash_len, const char *name,
+                        const uint8_t digest[HASH_BYTES])
+{
+    uint8_t db[DB_BYTES], twice[HASH_BYTES];
+    const int32_t salt_len = iPssSaltLen(em, hash, hash_len, db);
+    if (salt_len < 0) return {ZIRN_SIG_WRONG_KEY, -1, nullptr};
+    const uint8_t *salt = db + DB_BYTES - salt_len;
+    sha256(digest, HASH_BYTES, twice);
+    ZirnSigDiagKind kind = ZIRN_SIG_CONTENT_CHANGED;
+    if (bPssCovers(em, salt, salt_len, digest)) {
+        if (hash != vSha256) kind = ZIRN_SIG_MGF1_HASH;
+        else kind = salt_len == IMAGE_SALT ? ZIRN_SIG_VALID : ZIRN_SIG_PSS_SALT;
+    } else if (bPssCovers(em, salt, salt_len, twice)) {
+        kind = ZIRN_SIG_DIGEST_HASHED_TWICE;
+    }
+    return {kind, salt_len, name};
+}
+
+bool bCoversDigest(const ZirnSigDiag &d)
+{
+    return d.kind != ZIRN_SIG_CONTENT_CHANGED && d.kind != ZIRN_SIG_WRONG_KEY;
+}
+
 }  // namespace
 
 bool bZIRNSigBelowModulusV10(const uint8_t n[EM_BYTES], const uint8_t sig[EM_BYTES])
@@ -76,27 +101,18 @@ ZirnSigDiag stDiagnoseZIRNImgSigV10(const uint8_t n[EM_BYTES], const uint8_t sig
                                     const uint8_t digest[HASH_BYTES])
 {
     if (!bZIRNSigBelowModulusV10(n, sig)) return {ZIRN_SIG_NOT_BELOW_MODULUS, -1, nullptr};
-    uint8_t em[EM_BYTES], db[DB_BYTES];
+    uint8_t em[EM_BYTES];
     vZIRNRecoverBlockV10(n, sig, em);
 
     // The image's own layout first, so that what the route accepts is found before anything else.
-    int32_t salt_len = iPssSaltLen(em, vSha256, HASH_BYTES, db);
-    const bool mgf1_sha256 = salt_len >= 0;
-    if (!mgf1_sha256 && bPkcs1V15Layout(em)) return {ZIRN_SIG_PKCS1_V15, -1, nullptr};
-    if (!mgf1_sha256) salt_len = iPssSaltLen(em, sha1, 20, db);
-    if (salt_len < 0) return {ZIRN_SIG_WRONG_KEY, -1, nullptr};
-
-    const uint8_t *salt = db + DB_BYTES - salt_len;
-    uint8_t twice[HASH_BYTES];
-    sha256(digest, HASH_BYTES, twice);
-    ZirnSigDiagKind kind = ZIRN_SIG_CONTENT_CHANGED;
-    if (bPssCovers(em, salt, salt_len, digest)) {
-        if (!mgf1_sha256) kind = ZIRN_SIG_MGF1_HASH;
-        else kind = salt_len == IMAGE_SALT ? ZIRN_SIG_VALID : ZIRN_SIG_PSS_SALT;
-    } else if (bPssCovers(em, salt, salt_len, twice)) {
-        kind = ZIRN_SIG_DIGEST_HASHED_TWICE;
-    }
-    return {kind, salt_len, mgf1_sha256 ? "SHA-256" : "SHA-1"};
+    const ZirnSigDiag own = stUnderMgf1(em, vSha256, HASH_BYTES, "SHA-256", digest);
+    if (bCoversDigest(own)) return own;
+    if (bPkcs1V15Layout(em)) return {ZIRN_SIG_PKCS1_V15, -1, nullptr};
+    // A layout alone is weak evidence: about one block in 128 unmasks to 0x01 at the very start of
+    // DB under any MGF1.  So a hash whose H covers the digest wins over a layout found by chance.
+    const ZirnSigDiag sha1_mgf = stUnderMgf1(em, sha1, 20, "SHA-1", digest);
+    if (bCoversDigest(sha1_mgf) || own.salt_len < 0) return sha1_mgf;
+    return own;
 }
 
 const char *pcZIRNSigDiagNameV10(ZirnSigDiagKind kind)
