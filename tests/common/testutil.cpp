@@ -81,11 +81,18 @@ std::vector<Words> load_rows(const std::string &name, const Vars &vars)
 {
     std::ifstream in(std::string(ZIRN_VECTORS_DIR) + "/" + name);
     std::vector<Words> rows;
+    bool text = false;  // the row's last word is its text
     for (std::string line; std::getline(in, line);) {
         if (line.empty() || line[0] == '#') continue;
         for (const auto &[var, value] : vars)
             for (size_t at; (at = line.find(var)) != line.npos;)
                 line.replace(at, var.size(), value);
+        if (line[0] == '|') {
+            if (!std::exchange(text, true)) rows.back().emplace_back();
+            rows.back().back() += line.substr(std::min<size_t>(2, line.size())) + "\n";
+            continue;
+        }
+        text = false;
         std::istringstream words(line);
         Words &row = rows.emplace_back();
         for (std::string w; words >> std::quoted(w);) row.push_back(w);

@@ -195,6 +195,11 @@ TEST(Aes, PredefinedKeyDataMatchesItsRuleAndRoundTrips)
         EXPECT_EQ(apply(data<uiEncData>, {}, {}, pt, len), guarded(want, len + 16)) << len;
         EXPECT_EQ(apply(data<uiDecData>, {}, {}, want, len), guarded(pt, len + 16)) << len;
     }
+    Bytes buf(16, 0xa5);  // a buffer missing, or nothing to do: refused, nothing written
+    uint8_t *b = buf.data();
+    for (auto op : {uiEncData, uiDecData})
+        EXPECT_EQ(std::tuple(op(nullptr, b, 16), op(b, nullptr, 16), op(b, b, 0), buf),
+                  std::tuple(~0u, ~0u, ~0u, Bytes(16, 0xa5)));
 }
 
 // No operation leaves its last round key (as schedule words or as bytes) in the stack it used.
