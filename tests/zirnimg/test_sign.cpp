@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "oracle.h"
 #include "token.h"
@@ -158,9 +159,10 @@ TEST(ZirnimgSign, KeyConfigurations)
         {false, {"pubhash", "--key", f.d + "/pub.pem"}, 0, "", dn, none},
     };
     const mode_t old = umask(022);
+    std::vector<std::string> enc_params;
     for (const auto &[token, args, status, message, n, d] : rows) {
         if (token && !f.t.skip.empty()) continue;
-        expect_run(args, status, message, n, [&a = args, &n = n, &d = d](const zt::Run &run) {
+        expect_run(args, status, message, n, [&, &a = args, &n = n, &d = d](const zt::Run &run) {
             const auto o = std::find(a.begin(), a.end(), "-o");
             EXPECT_TRUE(o != a.end() || run.out[0] == '{' || run.out == fp(n) + "\n") << run.out;
             if (o == a.end()) return;  // pubhash
@@ -169,9 +171,15 @@ TEST(ZirnimgSign, KeyConfigurations)
             EXPECT_EQ(cfg_n(o[1]), n) << a[2];
             // Compared, never printed: present exactly when expected, and the key's own.
             EXPECT_TRUE(cfg_hex(o[1], "AUTH_PARAM_D") == zt::to_hex(d)) << a[2];
+            enc_params.push_back(cfg_hex(o[1], "ENC_PARAM").substr(0, 64));
         });
     }
     umask(old);
+    for (size_t i = 0; i < 64; i += 2) {  // the system's random bytes: each differs somewhere
+        std::set<std::string> seen;
+        for (const std::string &p : enc_params) seen.insert(p.substr(i, 2));
+        EXPECT_GT(seen.size(), 1u) << "ENC_PARAM byte " << i / 2;
+    }
     if (!f.t.skip.empty()) GTEST_SKIP() << "token rows: " << f.t.skip;
 }
 

@@ -48,7 +48,7 @@ std::string names_in(const std::string &dir)
     return r;
 }
 
-bool has(const std::string &text, const std::string &piece) { return text.find(piece) != text.npos; }
+bool has(const std::string &s, const std::string &piece) { return s.find(piece) != s.npos; }
 Bytes flipped(Bytes b, size_t bit) { return b[bit / 8] ^= uint8_t(1 << bit % 8), b; }
 
 }  // namespace
