@@ -156,6 +156,8 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         if (w.size() > 4) std::filesystem::resize_file(d + "/" + w[1], std::stoul(w[4]));
     }
     ASSERT_EQ(rows.size(), 59u);  // the file was read whole
+    // info shows the magic whole, with what is not printable escaped
+    EXPECT_TRUE(has(z({"info", d + "/binary"}).out, R"(magic:           "\xff\xc3(\x80XOQ ")"));
     const auto before = names_in(d);
     const std::map<std::string, std::vector<const char *>> documented = {
         {"info", {"file", "magic", "key_hash", "signed", "consistent", "problems"}},
