@@ -3,6 +3,7 @@
 // fit two keys or two tokens, and helpers that flood their output or cannot be executed.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include "keysource.h"
@@ -79,23 +80,30 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
 TEST(Keys, SigningHelpers)
 {
     const Bytes &n = zt::test_key(0).n;
-    const std::string flood = zt::temp_dir() + "/flood";
+    const std::string flood = zt::temp_dir() + "/flood", zeros = flood + ".256";
     zt::write_file(flood, "head -c 5000000 /dev/zero\n");  // no #! line: only sh runs it
+    zt::write_file(zeros, "head -c 256 /dev/zero\n");
     ASSERT_EQ(chmod(flood.c_str(), 0700), 0);
     const struct {
         std::string cmd;
         KeyErr open, sign;
+        void (*sigchld)(int) = SIG_DFL;
     } rows[] = {
         {"sh \t" + flood, KeyErr::ok, KeyErr::sign_failed},  // more than a pipe holds: no deadlock
         {flood, KeyErr::ok, KeyErr::not_found},               // the exec itself fails
         {flood + ".missing", KeyErr::not_found, KeyErr::ok},
         {"zirn-no-such-helper", KeyErr::not_found, KeyErr::ok},
         {" \t", KeyErr::usage, KeyErr::ok},
+        {"sh " + zeros, KeyErr::ok, KeyErr::ok},
+        // SIGCHLD ignored reaps the helper unseen: how it ended is unknown, its output unused
+        {"sh " + zeros, KeyErr::ok, KeyErr::sign_failed, SIG_IGN},
     };
     for (const auto &r : rows) {
         std::unique_ptr<zk::Key> key;
         ASSERT_EQ(zk::open_helper_key(r.cmd, n.data(), &key).kind, r.open) << r.cmd;
         uint8_t sig[256];
+        signal(SIGCHLD, r.sigchld);
         EXPECT_TRUE(!key || key->sign(n.data(), {}, sig).kind == r.sign) << r.cmd;
+        signal(SIGCHLD, SIG_DFL);
     }
 }
