@@ -51,7 +51,8 @@ std::string capture_stdout(const std::function<void()> &fn)
 Bytes from_hex(const std::string &hex)
 {
     Bytes out(hex.size() / 2);
-    for (size_t i = 0; i < out.size(); i++) out[i] = uint8_t(std::stoul(hex.substr(2 * i, 2), 0, 16));
+    for (size_t i = 0; i < out.size(); i++)
+        out[i] = uint8_t(std::stoul(hex.substr(2 * i, 2), nullptr, 16));
     return out;
 }
 

@@ -210,6 +210,18 @@ zt::Run z_env(const std::map<std::string, std::string> &env, const std::vector<s
     return r;
 }
 
+// zirnimg run with common/tamper_preload.cpp changing path while it is read (how: the offset of
+// the byte flipped once it has been read, or "cut").
+zt::Run tampered(const std::string &path, const std::string &how,
+                 const std::vector<std::string> &args)
+{
+    const char *asan = getenv("ASAN_OPTIONS");
+    return z_env({{"LD_PRELOAD", ZIRN_TAMPER_LIB}, {"ZIRN_TAMPER_PATH", path},
+                  {"ZIRN_TAMPER_HOW", how},
+                  {"ASAN_OPTIONS", (asan ? asan : "") + std::string(":verify_asan_link_order=0")}},
+                 args);
+}
+
 // Starts zirnimg, sends sig as soon as its temporary output exists, and gives the exit status
 // (-1 when it ended by the signal itself, -2 when the output was never seen).
 int interrupted_status(const std::vector<std::string> &args, const std::string &dir, int sig)
@@ -264,16 +276,19 @@ TEST(Zirnimg, HostileConditions)
     };
     const std::vector<std::pair<const char *, std::function<std::string()>>> rows = {
         {"decrypt writes only what it verified", [&] {
-             const char *asan = getenv("ASAN_OPTIONS");
              const std::string victim = d + "/victim";
              zt::write_file(victim, zt::read_file(prot));
-             const zt::Run r = z_env({{"LD_PRELOAD", ZIRN_TAMPER_LIB}, {"ZIRN_TAMPER_PATH", victim},
-                                      {"ZIRN_TAMPER_OFFSET", "700"},
-                                      {"ASAN_OPTIONS", (asan ? asan : "") + std::string(
-                                                           ":verify_asan_link_order=0")}},
-                                     {"decrypt", victim, "--cfg", k.nod, "-o", d + "/p1"});
+             const zt::Run r = tampered(victim, "700", {"decrypt", victim, "--cfg", k.nod, "-o",
+                                                        d + "/p1"});
              if (zt::read_file(victim) == zt::read_file(prot)) return "the file was not changed";
              return r.status == 0 && zt::read_file(d + "/p1") != plain ? "changed plaintext" : "";
+         }},
+        {"an input cut short while read is refused, not waited on", [&] {
+             const std::string victim = d + "/victim";
+             zt::write_file(victim, plain);
+             const zt::Run r = tampered(victim, "cut", {"prepare", k.nod, victim, d + "/u0",
+                                                        "0x01000000"});
+             return r.status == 5 && has(r.err, "it changed while read") ? "" : r.err;
          }},
         {"a signature s + n is refused", [&] {
              const zt::Run prep = z({"prepare", k.nod, d + "/plain", d + "/u", "0x01000000"});
