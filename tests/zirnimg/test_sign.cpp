@@ -135,34 +135,25 @@ void expect_image(const std::string &cfg)
 
 }  // namespace
 
-// keycfg and pubhash from a token, key files and a public key: owner-only, AUTH_PARAM_D exactly
-// when a private key file gave it, never over a file without --force, RSA-2048 only.
+// keycfg and pubhash from a token, key files and a public key (the rows are in
+// tests/vectors/zirnimg_keycfg_rows.txt): owner-only, AUTH_PARAM_D exactly when a private key
+// file gave it, never over a file without --force, RSA-2048 only, ENC_PARAM random.
 TEST(ZirnimgSign, KeyConfigurations)
 {
     ASSERT_TRUE(freopen("/dev/null", "r", stdin));  // nothing may prompt
     const Files &f = files();
-    const std::string o = "new.cfg", kept = "kept.cfg";
     // The token's modulus as keycfg reads it: the sign rows check it with OpenSSL.
-    const Bytes tn = cfg_n(f.tok), &dn = zt::test_key(0).n, &dd = zt::test_key(0).d, none;
-    const std::string small = "pkcs11:token=zirn;object=small?module-path=" + f.t.module;
-    // token?, arguments, status, message, the key's modulus, the AUTH_PARAM_D expected (none: none)
-    using Args = std::vector<std::string>;
-    const std::tuple<bool, Args, int, std::string, const Bytes &, const Bytes &> rows[] = {
-        {true, {"keycfg", "--key", f.k1, "-o", o}, 0, "", tn, none},  // no PIN: the public key
-        {true, {"keycfg", "--key", f.k1, "-o", kept}, 5, "exists: --force replaces it", none, none},
-        {true, {"keycfg", "--key", f.k1, "-o", kept, "--force"}, 0, "", tn, none},
-        {true, {"keycfg", "--key", small, "-o", o}, 12, "1024-bit", none, none},
-        {false, {"keycfg", "--key", dev_pem, "-o", o}, 0, "", dn, dd},
-        {false, {"keycfg", "--key", f.d + "/small.pem", "-o", o}, 12, "1024-bit", none, none},
-        {false, {"keycfg", "--key", dev_pem, "-o", o, "--public-only"}, 0, "", dn, none},
-        {false, {"keycfg", "--key", f.d + "/pub.pem", "-o", o}, 0, "", dn, none},
-        {false, {"pubhash", "--key", f.d + "/pub.pem"}, 0, "", dn, none},
-    };
+    const std::map<std::string, Bytes> moduli = {{"tok", cfg_n(f.tok)}, {"dev", zt::test_key(0).n},
+                                                 {"-", {}}};
+    const auto rows = zt::load_rows("zirnimg_keycfg_rows.txt",
+                                    {{"$D", f.d}, {"$M", f.t.module}, {"$E", dev_pem}});
     const mode_t old = umask(022);
     std::vector<std::string> enc_params;
-    for (const auto &[token, args, status, message, n, d] : rows) {
-        if (token && !f.t.skip.empty()) continue;
-        expect_run(args, status, message, n, [&, &a = args, &n = n, &d = d](const zt::Run &run) {
+    for (const zt::Words &w : rows) {  // SOURCE MODULUS D STATUS MESSAGE ARGS...
+        if (w[0] == "tok" && !f.t.skip.empty()) continue;
+        const std::vector<std::string> a(w.begin() + 5, w.end());
+        const Bytes &n = moduli.at(w[1]), d = w[2] == "dev" ? zt::test_key(0).d : Bytes{};
+        expect_run(a, std::stoi(w[3]), w[4], n, [&](const zt::Run &run) {
             const auto o = std::find(a.begin(), a.end(), "-o");
             EXPECT_TRUE(o != a.end() || run.out[0] == '{' || run.out == fp(n) + "\n") << run.out;
             if (o == a.end()) return;  // pubhash
@@ -175,6 +166,7 @@ TEST(ZirnimgSign, KeyConfigurations)
         });
     }
     umask(old);
+    EXPECT_EQ(rows.size(), 9u);  // the file was read whole
     for (size_t i = 0; i < 64; i += 2) {  // the system's random bytes: each differs somewhere
         std::set<std::string> seen;
         for (const std::string &p : enc_params) seen.insert(p.substr(i, 2));
