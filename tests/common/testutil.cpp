@@ -123,7 +123,8 @@ Bytes read_file(const std::string &path)
 
 bool file_exists(const std::string &path) { return std::filesystem::exists(path); }
 
-Run run(const std::string &exe, const std::vector<std::string> &args)
+Run run(const std::string &exe, const std::vector<std::string> &args,
+        const std::function<void(pid_t)> &meanwhile)
 {
     FILE *out = std::tmpfile(), *err = std::tmpfile();
     const pid_t pid = fork();
@@ -144,6 +145,7 @@ Run run(const std::string &exe, const std::vector<std::string> &args)
         execvp(argv[0], argv.data());
         _exit(127);
     }
+    if (meanwhile) meanwhile(pid);
     int st = 0;
     waitpid(pid, &st, 0);
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, slurp(out), slurp(err)};

@@ -1,6 +1,8 @@
 // Helpers shared by every test program.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -65,12 +67,14 @@ struct AllocHooks {
 };
 extern AllocHooks g_alloc;
 
-// Runs an executable (through the command in ZIRN_TEST_RUNNER when set); status is the exit
-// status, or -1 if it did not exit normally.
+// Runs an executable (through the command in ZIRN_TEST_RUNNER when set), calling meanwhile with
+// its process id before waiting for it; status is the exit status, or -1 if it did not exit
+// normally.
 struct Run {
     int status;
     std::string out, err;
 };
-Run run(const std::string &exe, const std::vector<std::string> &args);
+Run run(const std::string &exe, const std::vector<std::string> &args,
+        const std::function<void(pid_t)> &meanwhile = {});
 
 }  // namespace zt

@@ -222,29 +222,22 @@ zt::Run tampered(const std::string &path, const std::string &how,
                  args);
 }
 
-// Starts zirnimg, sends sig as soon as its temporary output exists, and gives the exit status
+// Runs zirnimg, sends sig as soon as its temporary output exists, and gives the exit status
 // (-1 when it ended by the signal itself, -2 when the output was never seen).
 int interrupted_status(const std::vector<std::string> &args, const std::string &dir, int sig)
 {
-    std::vector<std::string> words{ZIRNIMG_EXE};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (auto &w : words) argv.push_back(w.data());
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
     bool seen = false;
-    int st = 0;
-    for (int i = 0; i < 20000 && !seen && waitpid(pid, &st, WNOHANG) == 0; i++) {
-        seen = names_in(dir).find(".zirnimg.") != std::string::npos;
-        if (seen) kill(pid, sig);
-        else usleep(100);
-    }
-    if (seen) waitpid(pid, &st, 0);
-    return !seen ? -2 : WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    const zt::Run r = zt::run(ZIRNIMG_EXE, args, [&](pid_t pid) {
+        siginfo_t ended{};  // looked at, not reaped
+        for (int i = 0; i < 20000 && !seen; i++) {
+            if (waitid(P_PID, id_t(pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid)
+                return;
+            seen = names_in(dir).find(".zirnimg.") != std::string::npos;
+            if (seen) kill(pid, sig);
+            else usleep(100);
+        }
+    });
+    return seen ? r.status : -2;
 }
 
 bool holds(const std::string &text, const Bytes &secret)
