@@ -17,17 +17,16 @@
 #include <set>
 
 #include "oracle.h"
+#include "runs.h"
 #include "token.h"
 
 using zt::Bytes;
+using zt::z;
 namespace fs = std::filesystem;
 
 namespace {
 
 const std::string dev_pem = ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem";
-const Bytes aes_key(16, 0x5C);
-
-zt::Run z(const std::vector<std::string> &args) { return zt::run(ZIRNIMG_EXE, args); }
 std::string fp(const Bytes &n) { return zt::to_hex(zt::sha256(n)); }
 // A configuration's hex value, read by the test itself ("" when it has none).
 std::string cfg_hex(const std::string &path, const std::string &name)
@@ -59,7 +58,7 @@ struct Files {
             zt::write_file(d + "/" + w.substr(0, w.find(' ')), w.substr(w.find(' ') + 1) + "\n");
         setenv("ZIRN_TEST_PASS", "s3cret", 1);
         const std::string text =
-            zt::cfg_text({1, 2}, Bytes(16, 7), aes_key, Bytes(32, 3), zt::test_key(0));
+            zt::cfg_text({1, 2}, Bytes(16, 7), zt::kAesKey, Bytes(32, 3), zt::test_key(0));
         zt::write_file(cfg, text);
         zt::write_file(nod, text.substr(0, text.find("AUTH_PARAM_D")));
         std::mt19937_64 rng(5);
@@ -80,42 +79,6 @@ const Files &files()
 {
     static const Files f;
     return f;
-}
-
-// Runs zirnimg with args, then with args and --json, each in a fresh working folder holding only
-// kept.cfg: the status, the message, one JSON document (the key's fingerprint on success, the
-// error's kind and message on failure) and no secret in any output.  check judges a success; a
-// failure must leave the folder as it was (no output, no temporary file).
-void expect_run(const std::vector<std::string> &args, int status, const std::string &message,
-                const Bytes &n, const std::function<void(const zt::Run &)> &check)
-{
-    const fs::path home = fs::current_path();
-    const std::string row = testing::PrintToString(args);
-    for (bool json : {false, true}) {
-        fs::current_path(zt::temp_dir());
-        zt::write_file("kept.cfg", "kept\n");
-        std::vector<std::string> a = args;
-        if (json) a.push_back("--json");
-        const zt::Run r = z(a);
-        EXPECT_EQ(r.status, status) << row << "\n" << r.err;
-        EXPECT_NE(r.err.find(message), std::string::npos) << row << "\n" << r.err;
-        std::string all = r.out + r.err;
-        for (auto &c : all) c = char(tolower(c));
-        for (const Bytes &secret : {aes_key, zt::test_key(0).d})
-            EXPECT_EQ(all.find(zt::to_hex(secret).substr(0, 16)), std::string::npos) << row;
-        if (json) {
-            auto doc = nlohmann::json::parse(r.out, nullptr, false);
-            auto &err = doc.is_object() ? doc["error"] : doc;
-            EXPECT_TRUE(doc.is_object() && doc["exit_code"] == status &&
-                        (status == 0 ? doc["key_hash"] == fp(n)
-                                     : err["kind"].is_string() && err["message"].is_string()))
-                << row << r.out;
-        }
-        const bool alone = std::distance(fs::directory_iterator("."), {}) == 1;
-        if (r.status == 0) check(r);
-        else EXPECT_TRUE(alone && zt::read_file("kept.cfg").size() == 5) << row << "left a file";
-        fs::current_path(home);
-    }
 }
 
 // The image img signed for cfg: its key, OpenSSL's check of the signature over the header
@@ -153,7 +116,7 @@ TEST(ZirnimgSign, KeyConfigurations)
         if (w[0] == "tok" && !f.t.skip.empty()) continue;
         const std::vector<std::string> a(w.begin() + 5, w.end());
         const Bytes &n = moduli.at(w[1]), d = w[2] == "dev" ? zt::test_key(0).d : Bytes{};
-        expect_run(a, std::stoi(w[3]), w[4], n, [&](const zt::Run &run) {
+        zt::expect_run(a, std::stoi(w[3]), w[4], n.empty() ? "" : fp(n), [&](const zt::Run &run) {
             const auto o = std::find(a.begin(), a.end(), "-o");
             EXPECT_TRUE(o != a.end() || run.out[0] == '{' || run.out == fp(n) + "\n") << run.out;
             if (o == a.end()) return;  // pubhash
@@ -188,7 +151,7 @@ TEST(ZirnimgSign, EveryKeySource)
         if (w[0] == "tok" && !f.t.skip.empty()) continue;
         std::vector<std::string> args = {"sign", cfgs.at(w[0]), f.plain, "img", "0x00200000"};
         args.insert(args.end(), w.begin() + 3, w.end());
-        expect_run(args, std::stoi(w[1]), w[2], cfg_n(args[1]),
+        zt::expect_run(args, std::stoi(w[1]), w[2], fp(cfg_n(args[1])),
                    [&](const zt::Run &) { expect_image(args[1]); });
     }
     EXPECT_EQ(rows.size(), 30u);  // the file was read whole

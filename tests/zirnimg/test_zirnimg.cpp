@@ -13,12 +13,14 @@
 #include <set>
 
 #include "oracle.h"
+#include "runs.h"
 
 using zt::Bytes;
+using zt::has;
+using zt::z;
 
 namespace {
 
-zt::Run z(const std::vector<std::string> &args) { return zt::run(ZIRNIMG_EXE, args); }
 const std::string kh = zt::to_hex(zt::sha256(zt::test_key(0).n));
 const std::string dev_pem = ZIRN_SOURCE_DIR "/example/dev_key.NOT_FOR_PRODUCTION.pem";
 
@@ -28,8 +30,8 @@ struct Keys {
     Keys()
     {
         std::mt19937_64 rng(7);
-        const Bytes iv = zt::random_bytes(rng, 16), key = zt::random_bytes(rng, 16),
-                    dec = zt::random_bytes(rng, 32);
+        const Bytes iv = zt::random_bytes(rng, 16), dec = zt::random_bytes(rng, 32),
+                    &key = zt::kAesKey;
         const std::string text = zt::cfg_text({1, 2}, iv, key, dec, zt::test_key(0));
         zt::write_file(cfg, text);
         // builds that never hold the signing key
@@ -48,7 +50,6 @@ std::string names_in(const std::string &dir)
     return r;
 }
 
-bool has(const std::string &s, const std::string &piece) { return s.find(piece) != s.npos; }
 Bytes flipped(Bytes b, size_t bit) { return b[bit / 8] ^= uint8_t(1 << bit % 8), b; }
 
 }  // namespace
@@ -128,7 +129,7 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
 TEST(Zirnimg, ExitStatusesAndHostileInput)
 {
     const Keys k;
-    const std::string d = k.dir, prot = d + "/prot", u = d + "/unsigned", out = d + "/out";
+    const std::string d = k.dir, prot = d + "/prot", u = d + "/unsigned";
     zt::write_file(d + "/plain", Bytes(100, 7));
     zt::write_file(d + "/empty", "");
     ASSERT_EQ(zt::run(ZIRN_TOOL_EXE, {k.cfg, d + "/plain", prot, "0x00200000"}).status, 0);
@@ -142,7 +143,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
     mkfifo((d + "/fifo").c_str(), 0600);
     const zt::Vars vars = {
         {"$D", d}, {"$P", prot}, {"$U", u}, {"$N", k.nod}, {"$F", k.cfg}, {"$X", k.other},
-        {"$K", kh}, {"$O", out}, {"$V", ZIRN_VECTORS_DIR}, {"$E", dev_pem},
+        {"$K", kh}, {"$O", "out"}, {"$V", ZIRN_VECTORS_DIR}, {"$E", dev_pem},
         {"$W", d + "/\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"}};
     std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows;
     for (const zt::Words &w : zt::load_rows("zirnimg_exit_rows.txt", vars)) {
@@ -158,45 +159,9 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
     ASSERT_EQ(rows.size(), 59u);  // the file was read whole
     // info shows the magic whole, with what is not printable escaped
     EXPECT_TRUE(has(z({"info", d + "/binary"}).out, R"(magic:           "\xff\xc3(\x80XOQ ")"));
-    const auto before = names_in(d);
-    const std::map<std::string, std::vector<const char *>> documented = {
-        {"info", {"file", "magic", "key_hash", "signed", "consistent", "problems"}},
-        {"verify", {"file", "pinned", "key_hash", "signature"}},
-        {"decrypt", {"output", "plain_size"}}, {"pubhash", {"key_hash"}},
-        {"prepare", {"unsigned_image", "digest"}}, {"stitch", {"output"}},
-        {"sign", {"output", "key", "key_hash", "digest"}},
-        {"keycfg", {"output", "key_hash", "private_exponent"}}};
-    for (const auto &[args, status, message] : rows) {
-        std::vector<std::string> json_args = args;
-        json_args.push_back("--json");
-        const zt::Run r = z(args);
-        std::filesystem::remove(out);  // what a command that succeeded wrote
-        const zt::Run rj = z(json_args);
-        std::filesystem::remove(out);
-        EXPECT_EQ(r.status, status) << args.size() << " " << r.err;
-        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
-        EXPECT_EQ(status == 0 && message.empty(), r.err.empty()) << r.err;
-        EXPECT_EQ(names_in(d), before) << "a command left a file behind";
-        if (!args.empty() && (args.back() == "--help" || args[0][0] == '-')) continue;
-        // --json: one strictly parsed document whatever the outcome, with the documented members.
-        const auto doc = nlohmann::json::parse(rj.out);
-        const auto &error = doc.contains("error") ? doc["error"] : nlohmann::json();
-        const bool named = !args.empty() && args[0] != "bogus";
-        EXPECT_EQ(std::tuple(rj.status, doc["format_version"], doc["exit_code"]),
-                  std::tuple(status, 1, status)) << rj.out;
-        EXPECT_EQ(std::tuple(doc["warnings"].is_array(), doc["command"], doc.contains("error")),
-                  std::tuple(true, named ? nlohmann::json(args[0]) : nlohmann::json(), status != 0))
-            << rj.out;
-        // standard error's message, whatever the JSON string had to escape (what is not UTF-8 is
-        // replaced)
-        const std::string msg = status ? error.value("message", "") : "";
-        EXPECT_TRUE(status == 0 || (error["exit_code"] == status &&
-                                    (has(rj.err, msg) || has(msg, "\uFFFD")))) << rj.err << rj.out;
-        EXPECT_EQ(status == 1, error.contains("diagnosis")) << rj.out;
-        EXPECT_EQ(rj.out.find('\n'), rj.out.size() - 1) << rj.out;
-        for (const char *key : status ? std::vector<const char *>{} : documented.at(args[0]))
-            EXPECT_TRUE(doc.contains(key)) << key << rj.out;
-    }
+    const std::string before = names_in(d);
+    for (const auto &[args, status, message] : rows) zt::expect_run(args, status, message);
+    EXPECT_EQ(names_in(d), before) << "a command left a file beside its output";
 }
 
 namespace {
@@ -240,12 +205,6 @@ int interrupted_status(const std::vector<std::string> &args, const std::string &
     return seen ? r.status : -2;
 }
 
-bool holds(const std::string &text, const Bytes &secret)
-{
-    std::string lower = text;
-    for (auto &ch : lower) ch = char(tolower(ch));
-    return lower.find(zt::to_hex(secret).substr(0, 16)) != std::string::npos;
-}
 
 }  // namespace
 
@@ -259,11 +218,11 @@ TEST(Zirnimg, HostileConditions)
     const Keys k;
     const std::string d = k.dir, prot = d + "/prot";
     std::mt19937_64 rng(3);
-    const Bytes plain = zt::random_bytes(rng, (3 << 20) + 5), aes_key(16, 0x5C);
+    const Bytes plain = zt::random_bytes(rng, (3 << 20) + 5);
     zt::write_file(d + "/plain", plain);
     ASSERT_EQ(zt::run(ZIRN_TOOL_EXE, {k.cfg, d + "/plain", prot, "0x01000000"}).status, 0);
     const std::string text =
-        zt::cfg_text({1, 2}, Bytes(16, 0xA7), aes_key, Bytes(32, 3), zt::test_key(0));
+        zt::cfg_text({1, 2}, Bytes(16, 0xA7), zt::kAesKey, Bytes(32, 3), zt::test_key(0));
     const auto file = [&](const std::string &name, const std::string &content) {
         return zt::write_file(d + "/" + name, content), d + "/" + name;
     };
@@ -334,8 +293,8 @@ TEST(Zirnimg, HostileConditions)
                                                                   ZIRNIMG_EXE, "pubhash", "--cfg",
                                                                   local});
                  const std::string all = run.out + run.err;
-                 if (run.status != (tail.empty() ? 0 : 6) || holds(all, aes_key) ||
-                     holds(all, zt::test_key(0).d))
+                 if (run.status != (tail.empty() ? 0 : 6) || zt::holds(all, zt::kAesKey) ||
+                     zt::holds(all, zt::test_key(0).d))
                      r += "status " + std::to_string(run.status) + ": " + run.err;
              }
              std::filesystem::remove(local);
@@ -343,11 +302,12 @@ TEST(Zirnimg, HostileConditions)
          }},
         {"configurations that swap a key are refused, naming the line", [&] {
              const std::string n = "AUTH_PARAM_N = 0x" + zt::to_hex(zt::test_key(1).n) + "\n";
-             std::string r;
+             std::string r, comment(4096, ' ');  // a comment line as long as a line piece
+             comment[0] = '#';
              for (const auto &[trap, line] : {std::pair{text + "AUTH_PARAM_N_OLD" + n.substr(12),
                                                         "line 7"},
                                               {text + n, "line 7"},
-                                              {"#" + std::string(4095, ' ') + n + text,
+                                              {comment + n + text,
                                                "line 1"}}) {
                  const zt::Run run = z({"pubhash", "--cfg", file("trap.cfg", trap)});
                  if (run.status != 6 || !has(run.err, line)) r += run.out + run.err;

@@ -1,0 +1,72 @@
+#include "runs.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+#include "oracle.h"
+
+namespace fs = std::filesystem;
+
+namespace zt {
+
+Run z(const std::vector<std::string> &args) { return run(ZIRNIMG_EXE, args); }
+
+bool holds(const std::string &text, const Bytes &secret)
+{
+    std::string lower = text;
+    for (auto &ch : lower) ch = char(tolower(ch));
+    return has(lower, to_hex(secret).substr(0, 16));
+}
+
+void expect_run(const std::vector<std::string> &args, int status, const std::string &message,
+                const std::string &key_hash, const std::function<void(const Run &)> &check)
+{
+    static const std::map<std::string, std::vector<const char *>> documented = {
+        {"info", {"file", "magic", "key_hash", "signed", "consistent", "problems"}},
+        {"verify", {"file", "pinned", "key_hash", "signature"}},
+        {"decrypt", {"output", "plain_size"}}, {"pubhash", {"key_hash"}},
+        {"prepare", {"unsigned_image", "digest"}}, {"stitch", {"output"}},
+        {"sign", {"output", "key", "key_hash", "digest"}},
+        {"keycfg", {"output", "key_hash", "private_exponent"}}};
+    const fs::path home = fs::current_path();
+    const std::string row = testing::PrintToString(args);
+    for (bool json : {false, true}) {
+        fs::current_path(temp_dir());
+        write_file("kept.cfg", "kept\n");
+        std::vector<std::string> a = args;
+        if (json) a.push_back("--json");
+        const Run r = z(a);
+        EXPECT_EQ(r.status, status) << row << "\n" << r.err;
+        EXPECT_TRUE(json || has(r.err, message)) << row << "\n" << r.err;  // --json may be a value
+        EXPECT_EQ(status == 0 && message.empty(), r.err.empty()) << row << "\n" << r.err;
+        EXPECT_FALSE(holds(r.out + r.err, kAesKey) || holds(r.out + r.err, test_key(0).d)) << row;
+        const bool alone = std::distance(fs::directory_iterator("."), {}) == 1;
+        EXPECT_TRUE(r.status == 0 || (alone && read_file("kept.cfg").size() == 5)) << row << "left";
+        if (r.status == 0 && check) check(r);
+        fs::current_path(home);
+        if (!json || (!args.empty() && (args.back() == "--help" || args[0][0] == '-'))) continue;
+        auto doc = nlohmann::json::parse(r.out);
+        auto error = doc.value("error", nlohmann::json::object());
+        const bool named = !args.empty() && args[0] != "bogus";
+        EXPECT_EQ(std::tuple(doc["format_version"], doc["exit_code"], doc["warnings"].is_array()),
+                  std::tuple(1, status, true)) << r.out;
+        EXPECT_EQ(std::tuple(doc["command"], doc.contains("error"), error.contains("diagnosis")),
+                  std::tuple(named ? nlohmann::json(args[0]) : nlohmann::json(), status != 0,
+                             status == 1)) << r.out;
+        EXPECT_EQ(r.out.find('\n'), r.out.size() - 1) << r.out;
+        if (status == 0) {
+            for (const char *key : documented.at(args[0])) EXPECT_TRUE(doc.contains(key)) << key;
+            EXPECT_TRUE(key_hash.empty() || doc["key_hash"] == key_hash) << r.out;
+            continue;
+        }
+        // standard error's message, whatever the string had to escape (what is not UTF-8 is
+        // replaced)
+        const std::string msg = error.value("message", "");
+        EXPECT_TRUE(error["exit_code"] == status && error["kind"].is_string() &&
+                    (has(r.err, msg) || has(msg, "\uFFFD"))) << r.err << r.out;
+    }
+}
+
+}  // namespace zt
