@@ -32,7 +32,7 @@ std::string fp(const Bytes &n) { return zt::to_hex(zt::sha256(n)); }
 std::string cfg_hex(const std::string &path, const std::string &name)
 {
     const Bytes b = zt::read_file(path);
-    const std::string text(b.begin(), b.end()), tag = name + " = 0x";
+    const std::string text(b.begin(), b.end()), tag = "\n" + name + " = 0x";  // a line start
     const size_t at = text.find(tag);
     return at == std::string::npos ? "" : text.substr(at + tag.size(), 512);
 }
@@ -54,6 +54,7 @@ struct Files {
             {"genrsa", "-out", d + "/small.pem", "1024"},
         };
         for (const auto &args : make) zt::sh("/usr/bin/openssl", args);
+        fs::copy_file(dev_pem, d + "/k\nIMG_VER = 0x0.pem");  // a name that would add a line
         for (std::string w : {"pass s3cret", "wrong s3cre7", "pin 123456"})
             zt::write_file(d + "/" + w.substr(0, w.find(' ')), w.substr(w.find(' ') + 1) + "\n");
         setenv("ZIRN_TEST_PASS", "s3cret", 1);
@@ -109,7 +110,8 @@ TEST(ZirnimgSign, KeyConfigurations)
     const std::map<std::string, Bytes> moduli = {{"tok", cfg_n(f.tok)}, {"dev", zt::test_key(0).n},
                                                  {"-", {}}};
     const auto rows = zt::load_rows("zirnimg_keycfg_rows.txt",
-                                    {{"$D", f.d}, {"$M", f.t.module}, {"$E", dev_pem}});
+                                    {{"$D", f.d}, {"$M", f.t.module}, {"$E", dev_pem},
+                                     {"$ODD", f.d + "/k\nIMG_VER = 0x0.pem"}});
     const mode_t old = umask(022);
     std::vector<std::string> enc_params;
     for (const zt::Words &w : rows) {  // SOURCE MODULUS D STATUS MESSAGE ARGS...
@@ -126,10 +128,17 @@ TEST(ZirnimgSign, KeyConfigurations)
             // Compared, never printed: present exactly when expected, and the key's own.
             EXPECT_TRUE(cfg_hex(o[1], "AUTH_PARAM_D") == zt::to_hex(d)) << a[2];
             enc_params.push_back(cfg_hex(o[1], "ENC_PARAM").substr(0, 64));
+            for (auto [opt, name] : {std::pair{"--img-ver", "IMG_VER"},
+                                     {"--enc-param", "ENC_PARAM"}, {"--dec-param", "DEC_PARAM"}}) {
+                const auto v = std::find(a.begin(), a.end(), opt);  // "0x" optional
+                const std::string hex =
+                    v == a.end() ? "" : v[1].substr(v[1].find_last_of("xX") + 1);
+                EXPECT_TRUE(hex.empty() || cfg_hex(o[1], name).starts_with(hex + "\n")) << name;
+            }
         });
     }
     umask(old);
-    EXPECT_EQ(rows.size(), 9u);  // the file was read whole
+    EXPECT_EQ(rows.size(), 10u);  // the file was read whole
     for (size_t i = 0; i < 64; i += 2) {  // the system's random bytes: each differs somewhere
         std::set<std::string> seen;
         for (const std::string &p : enc_params) seen.insert(p.substr(i, 2));
