@@ -3,6 +3,7 @@
 // hooks check that every array released was wiped first.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <deque>
 
 #include "mpi_internal.h"
@@ -182,11 +183,14 @@ TEST(Mpi, RepresentationAndKernels)
     }
     // Copies: exact size, or into the existing array when large enough; growth in steps of 64.
     Mp a, big, z;
-    mp_int small{};
+    mp_int small;
+    memset(&small, 0xA5, sizeof small);  // a record is set whole, whatever it held
+    ASSERT_EQ(mp_init_size(&small, 2), MP_OK);
+    EXPECT_EQ(std::tuple(small.used, small.alloc, small.sign, hex(&small)),
+              std::tuple(1u, 2u, MP_PLUS, "0"));
     set_hex(&a, "-1000000000000000000000000");
     mp_digit *big_digits = big->digits;
-    ASSERT_EQ(mp_init_size(&small, 2) + mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2) +
-                  s_mp_grow(&a, 65), MP_OK);
+    ASSERT_EQ(mp_copy(&a, &small) + mp_copy(&a, &big) + s_mp_lshd(&z, 2) + s_mp_grow(&a, 65), MP_OK);
     EXPECT_EQ(std::tuple(big->digits, small.alloc, hex(&small), hex(&big), z->used, a->alloc),
               std::tuple(big_digits, 7u, hex(&a), hex(&a), 3u, 128u));
     mp_clear(&small);
