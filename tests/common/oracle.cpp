@@ -87,6 +87,13 @@ Bytes modexp(const Bytes &base, const Bytes &exp, const Bytes &n, size_t len)
     return bytes_of(r.get(), len);
 }
 
+Bytes plus_n(const Bytes &s, const Bytes &n)
+{
+    Bn sum(BN_new());
+    BN_add(sum.get(), bn(s).get(), bn(n).get());
+    return BN_num_bytes(sum.get()) <= 256 ? bytes_of(sum.get(), 256) : Bytes{};
+}
+
 bool pss_accepts_em(const Bytes &mhash, const Bytes &em, uint32_t bits, int salt_len)
 {
     BIGNUM *n = BN_new();  // only the key's bit count matters to the check

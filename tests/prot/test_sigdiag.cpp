@@ -15,15 +15,6 @@ namespace {
 // The image key is key 1: its modulus leaves room above it for s + n within 256 bytes.
 constexpr int kKey = 1, kOtherKey = 0;
 
-// s + n in 256 bytes, or empty when it does not fit.
-Bytes plus_n(const Bytes &s, const Bytes &n)
-{
-    zt::Bn sum(BN_new());
-    BN_add(sum.get(), zt::bn(s).get(), zt::bn(n).get());
-    Bytes out(256);
-    return BN_bn2binpad(sum.get(), out.data(), 256) == 256 ? out : Bytes{};
-}
-
 }  // namespace
 
 TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
@@ -36,7 +27,7 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
     };
     const Bytes twice = pss(32, "SHA256", zt::sha256(md));  // over the digest hashed again
     Bytes valid = pss(32), random = zt::random_bytes(rng, 256), n_minus_1 = n;
-    while (plus_n(valid, n).empty()) valid = pss(32);  // PSS salts are fresh: some sums fit
+    while (zt::plus_n(valid, n).empty()) valid = pss(32);  // PSS salts are fresh: some sums fit
     Bytes foreign = pss(32, "SHA256", {}, kOtherKey);  // below n, or it is refused as such
     while (memcmp(foreign.data(), n.data(), 256) >= 0) foreign = pss(32, "SHA256", {}, kOtherKey);
     // SHA-1 masks whose block also unmasks to 0x01 at the start of DB under SHA-256, as one in 128
@@ -71,7 +62,7 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         {"random below n", random, md, "wrong_key", -1, "", "another key"},
         {"n - 1", n_minus_1, md, "wrong_key", -1, "", "another key"},
         {"s = n", n, md, "signature_not_below_modulus", -1, "", "modulus"},
-        {"s + n", plus_n(valid, n), md, "signature_not_below_modulus", -1, "", "modulus"},
+        {"s + n", zt::plus_n(valid, n), md, "signature_not_below_modulus", -1, "", "modulus"},
     };
     for (const auto &r : rows) {
         ZirnSigDiag d{};
@@ -90,5 +81,5 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         EXPECT_EQ(route.first == 0, r.kind == "valid") << r.what;
     }
     // s + n gives back the block of s: only the refusal before the arithmetic tells them apart.
-    EXPECT_EQ(zt::modexp(plus_n(valid, n), {1, 0, 1}, n), zt::modexp(valid, {1, 0, 1}, n));
+    EXPECT_EQ(zt::modexp(zt::plus_n(valid, n), {1, 0, 1}, n), zt::modexp(valid, {1, 0, 1}, n));
 }

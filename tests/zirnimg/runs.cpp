@@ -13,6 +13,13 @@ namespace zt {
 
 Run z(const std::vector<std::string> &args) { return run(ZIRNIMG_EXE, args); }
 
+std::string write_cfg(const std::string &path, int k, bool public_only)
+{
+    std::string text = cfg_text({1, 2}, Bytes(16, 0xA7), kAesKey, Bytes(32, 3), test_key(k));
+    if (public_only) text.erase(text.find("AUTH_PARAM_D"));  // builds that never hold the key
+    return write_file(path, text), text;
+}
+
 bool holds(const std::string &text, const Bytes &secret)
 {
     std::string lower = text;

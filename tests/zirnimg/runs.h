@@ -9,6 +9,8 @@ namespace zt {
 
 // The AES key of every configuration these tests make: no output may hold it.
 inline const Bytes kAesKey(16, 0x5C);
+// Writes the configuration of test key k to path, without AUTH_PARAM_D when public; gives its text.
+std::string write_cfg(const std::string &path, int k = 0, bool public_only = false);
 
 Run z(const std::vector<std::string> &args);
 inline bool has(const std::string &s, const std::string &piece) { return s.find(piece) != s.npos; }
