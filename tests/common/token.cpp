@@ -36,19 +36,16 @@ void add_padded_key(const std::string &module)
 {
 #ifdef CKA_MODULUS
     CK_FUNCTION_LIST *f = nullptr;
-    void *lib = dlopen(module.c_str(), RTLD_NOW);
-    const auto get = (CK_C_GetFunctionList)dlsym(lib, "C_GetFunctionList");
+    const auto get = (CK_C_GetFunctionList)dlsym(dlopen(module.c_str(), RTLD_NOW),
+                                                 "C_GetFunctionList");
     CK_SLOT_ID slot[8];  // the token first, then the free slot
-    CK_ULONG count = 8;
+    CK_ULONG count = 8, cls = CKO_PUBLIC_KEY, type = CKK_RSA;
     CK_SESSION_HANDLE s = 0;
-    Bytes n = test_key(0).n, e = {0, 1, 0, 1};
-    n.insert(n.begin(), 0);
-    CK_OBJECT_CLASS cls = CKO_PUBLIC_KEY;
-    CK_KEY_TYPE type = CKK_RSA;
     CK_BBOOL yes = CK_TRUE;
-    char label[] = "padded";
+    Bytes n = test_key(0).n, e = {0, 1, 0, 1}, label = {'p', 'a', 'd', 'd', 'e', 'd'};
+    n.insert(n.begin(), 0);
     CK_ATTRIBUTE a[] = {{CKA_CLASS, &cls, sizeof cls}, {CKA_KEY_TYPE, &type, sizeof type},
-                        {CKA_TOKEN, &yes, 1}, {CKA_LABEL, label, 6},
+                        {CKA_TOKEN, &yes, 1}, {CKA_LABEL, label.data(), 6},
                         {CKA_MODULUS, n.data(), n.size()}, {CKA_PUBLIC_EXPONENT, e.data(), 4}};
     ASSERT_TRUE(get && get(&f) == CKR_OK && f->C_Initialize(nullptr) == CKR_OK);
     EXPECT_TRUE(f->C_GetSlotList(CK_TRUE, slot, &count) == CKR_OK &&

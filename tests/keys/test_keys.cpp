@@ -35,17 +35,14 @@ TEST(Keys, RawKeys)
     const zt::RsaKey &k = zt::test_key(0);
     Bytes no_top = k.n, zero(256, 0);
     no_top[0] = 0x7f;
-    const struct {
-        const Bytes &n, &d;
-        KeyErr want;
-    } rows[] = {
+    const std::tuple<const Bytes &, const Bytes &, KeyErr> rows[] = {  // n, d, result
         {k.n, k.d, KeyErr::ok},
         {no_top, k.d, KeyErr::unsupported_key},  // 2047 bits
         {k.n, zero, KeyErr::unsupported_key},    // a configuration without AUTH_PARAM_D
     };
-    for (const auto &r : rows) {
+    for (const auto &[n, d, want] : rows) {
         std::unique_ptr<zk::Key> key;
-        EXPECT_EQ(zk::open_raw_key(r.n.data(), r.d.data(), &key).kind, r.want);
+        EXPECT_EQ(zk::open_raw_key(n.data(), d.data(), &key).kind, want);
         if (!key) continue;
         EXPECT_NE(expect_signs(*key, "raw"), expect_signs(*key, "raw"));  // a fresh salt each time
     }
@@ -57,22 +54,19 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
     if (!t.skip.empty()) GTEST_SKIP() << t.skip;
     const std::string q = "?module-path=" + t.module + "&pin-value=123456",
                       k1 = "pkcs11:token=zirn;object=k1" + q, conf = t.dir + "/rows.conf";
-    const struct {
-        std::string mechanisms, uri;
-        KeyErr want;
-    } rows[] = {
+    const std::tuple<std::string, std::string, KeyErr> rows[] = {  // mechanisms, URI, result
         {"CKM_SHA256_RSA_PKCS_PSS", k1, KeyErr::ok},  // the token hashes the pieces itself
         {"CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS", k1, KeyErr::mechanism},
         {"ALL", "pkcs11:token=zirn" + q, KeyErr::not_found},  // k1 and small
         {"ALL", "pkcs11:object=k1" + q, KeyErr::token},       // zirn and SoftHSM2's free slot
     };
-    for (const auto &r : rows) {
-        zt::write_file(conf, t.conf + "slots.mechanisms = " + r.mechanisms + "\n");
+    for (const auto &[mechanisms, uri, want] : rows) {
+        zt::write_file(conf, t.conf + "slots.mechanisms = " + mechanisms + "\n");
         setenv("SOFTHSM2_CONF", conf.c_str(), 1);
         std::unique_ptr<zk::Key> key;
-        const zk::KeyError e = zk::open_key(r.uri, {}, &key);
-        EXPECT_EQ(e.kind, r.want) << r.uri << ": " << e.message;
-        if (key) expect_signs(*key, r.mechanisms);
+        const zk::KeyError e = zk::open_key(uri, {}, &key);
+        EXPECT_EQ(e.kind, want) << uri << ": " << e.message;
+        if (key) expect_signs(*key, mechanisms);
     }
     setenv("SOFTHSM2_CONF", (t.dir + "/softhsm2.conf").c_str(), 1);
 }

@@ -51,14 +51,6 @@ auto encode(const Bytes &mhash, uint32_t salt_len, uint32_t bits, const Bytes *s
     return std::tuple(rc, len, em, out);
 }
 
-// H = SHA-256(8 zero bytes || mhash || salt).
-Bytes pss_hash(const Bytes &mhash, const Bytes &salt)
-{
-    Bytes m(8 + mhash.size() + salt.size(), 0);
-    std::copy(salt.begin(), salt.end(), std::copy(mhash.begin(), mhash.end(), m.begin() + 8));
-    return zt::sha256(m);
-}
-
 // The encoded message of a chosen DB and H, masked with OpenSSL's MGF1.
 Bytes build_em(Bytes db, const Bytes &h, uint8_t top_mask = 0x7F)
 {
@@ -194,13 +186,8 @@ TEST(Pss, EncoderAndDecoderFailures)
     const std::string enc = "pkcs_1_pss_encode_sha256", alloc = err("fail to allocate memory", enc),
                       mgf_alloc = err("fail to allocate memory", "pkcs_1_mgf1_sha256"),
                       lens = "wrong input parameter length (m = 256, h = 32, s = ";
-    const struct {
-        uint32_t salt_len, cap;
-        int fail_malloc;
-        int32_t rc;
-        std::string out;
-        uint32_t len;  // reported back
-    } cases[] = {
+    // salt length, output room, allocation failing, result, printed, length reported back
+    const std::tuple<uint32_t, uint32_t, int, int32_t, std::string, uint32_t> cases[] = {
         {223, 512, 0, -2, err(lens + "223)", enc), 512},
         {0xFFFFFFFFu, 512, 0, -2, err(lens + "-1)", enc), 512},
         {32, 255, 0, -4, "", 256},
@@ -208,11 +195,12 @@ TEST(Pss, EncoderAndDecoderFailures)
         {32, 512, 4, -3, alloc, 512},
         {32, 512, 6, -2, mgf_alloc + err("fail to perform mgf1", enc), 512},
     };
-    for (const auto &c : cases) {
-        zt::g_alloc.fail_nth(uint64_t(c.fail_malloc));
-        const auto [rc, len, em, out] = encode(digest, c.salt_len, 2048, nullptr, c.cap);
+    for (const auto &[salt_len, cap, fail_malloc, want_rc, want_out, want_len] : cases) {
+        zt::g_alloc.fail_nth(uint64_t(fail_malloc));
+        const auto [rc, len, em, out] = encode(digest, salt_len, 2048, nullptr, cap);
         zt::g_alloc.fail_nth(0);
-        EXPECT_EQ(std::tuple(rc, len, em, out), std::tuple(c.rc, c.len, Bytes(c.cap, 0xEE), c.out));
+        EXPECT_EQ(std::tuple(rc, len, em, out),
+                  std::tuple(want_rc, want_len, Bytes(cap, 0xEE), want_out));
     }
     Bytes em(256, 0x3C);
     em.back() = 0xBC;
@@ -248,7 +236,9 @@ TEST(Pss, DecoderChecksInTheirOrder)
 {
     std::mt19937_64 rng(7);
     const Bytes digest = zt::random_bytes(rng, 32), salt = zt::random_bytes(rng, 32);
-    const Bytes h = pss_hash(digest, salt);
+    Bytes m(8 + 64, 0);  // H = SHA-256(8 zero bytes || mhash || salt)
+    std::copy(salt.begin(), salt.end(), std::copy(digest.begin(), digest.end(), m.begin() + 8));
+    const Bytes h = zt::sha256(m);
     // PS (190 bytes) || 0x01 || salt, one byte edited
     const auto db = [&](size_t at = 999, uint8_t value = 0) {
         Bytes d(223, 0);
