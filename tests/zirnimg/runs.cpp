@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <map>
 
@@ -38,6 +40,7 @@ void expect_run(const std::vector<std::string> &args, int status, const std::str
         {"sign", {"output", "key", "key_hash", "digest"}},
         {"keycfg", {"output", "key_hash", "private_exponent"}}};
     const fs::path home = fs::current_path();
+    umask(022);
     const std::string row = testing::PrintToString(args);
     for (bool json : {false, true}) {
         fs::current_path(temp_dir());
@@ -51,6 +54,15 @@ void expect_run(const std::vector<std::string> &args, int status, const std::str
         EXPECT_FALSE(holds(r.out + r.err, kAesKey) || holds(r.out + r.err, test_key(0).d)) << row;
         const bool alone = std::distance(fs::directory_iterator("."), {}) == 1;
         EXPECT_TRUE(r.status == 0 || (alone && read_file("kept.cfg").size() == 5)) << row << "left";
+        // A success's outputs: owner-only where they hold secrets (decrypt's plaintext, keycfg's
+        // configuration), readable by all otherwise.
+        const bool secret = !args.empty() && (args[0] == "decrypt" || args[0] == "keycfg");
+        const auto mode = secret ? fs::perms::owner_read | fs::perms::owner_write : fs::perms(0644);
+        for (const auto &e : fs::directory_iterator(".")) {
+            const bool untouched = e.path() == "./kept.cfg" && read_file("kept.cfg").size() == 5;
+            if (r.status != 0 || untouched) continue;
+            EXPECT_EQ(e.status().permissions(), mode) << row << e.path();
+        }
         if (r.status == 0 && check) check(r);
         fs::current_path(home);
         if (!json || (!args.empty() && (args.back() == "--help" || args[0][0] == '-'))) continue;

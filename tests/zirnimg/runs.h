@@ -20,7 +20,8 @@ bool holds(const std::string &text, const Bytes &secret);
 // Runs zirnimg with args, then with args and --json, each in a fresh working folder holding only
 // kept.cfg: the status; message in standard error without --json (a success with no message
 // says nothing there); no secret in any output; a failure leaves the folder as it was (no
-// output, no temporary file), and check judges a success.  --json gives one document on one
+// output, no temporary file); a success's outputs are owner-only exactly where they hold secrets
+// (umask 022), and check judges the rest.  --json gives one document on one
 // line whatever the outcome: the command's documented members on success (key_hash when given),
 // on failure the error's kind and standard error's message, and a diagnosis exactly when the
 // signature does not verify.

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <iostream>
 #include <set>
 
 #include "oracle.h"
@@ -40,13 +39,10 @@ std::string names_in(const std::string &dir)
     return r;
 }
 
-Bytes flipped(Bytes b, size_t bit) { return b[bit / 8] ^= uint8_t(1 << bit % 8), b; }
-
 }  // namespace
 
 // The signer's output verifies and decrypts back to its input; prepare, the openssl command and
-// stitch give the signer's format, accepted by verify and by OpenSSL; one flipped bit anywhere
-// fails, with the image check's status where it breaks the header's consistency.
+// stitch give the signer's format, accepted by verify and by OpenSSL.
 TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
 {
     const Keys k;
@@ -85,14 +81,6 @@ TEST(Zirnimg, RoundTripsWithTheSignerAndOpenSsl)
         EXPECT_EQ(std::pair(zt::signed_part(stitched), zt::image_verifies(stitched, kn)),
                   std::pair(unsig, true));
         EXPECT_EQ(z({"verify", d + "/stitched", "--key-hash", kh}).status, 0);
-        const size_t last = 8 * prot.size() - 1;
-        for (size_t bit : std::vector<size_t>{0, 64, 96, 123, 191, 196, 231, 480, 3200, 4577,
-                                              4608, last}) {
-            zt::write_file(d + "/flipped", flipped(prot, bit));
-            const size_t at = bit / 8;  // magic, header size and sizes break the header
-            const int want = at < 12 || (at >= 20 && at < 28) ? 4 : at >= 60 && at < 316 ? 3 : 1;
-            EXPECT_EQ(z({"verify", d + "/flipped", "--cfg", k.nod}).status, want) << bit;
-        }
     }
 }
 
@@ -133,11 +121,11 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
             continue;
         }
         Bytes b = zt::read_file(prot), edit = zt::from_hex(w[3] == "-" ? "" : w[3]);
-        std::copy(edit.begin(), edit.end(), b.begin() + std::stol(w[2]));
+        for (size_t i = 0; i < edit.size(); i++) b[std::stoul(w[2]) + i] ^= edit[i];
         zt::write_file(d + "/" + w[1], b);
         if (w.size() > 4) std::filesystem::resize_file(d + "/" + w[1], std::stoul(w[4]));
     }
-    ASSERT_EQ(rows.size(), 65u);  // the file was read whole
+    ASSERT_EQ(rows.size(), 72u);  // the file was read whole
     // info shows the magic whole, with what is not printable escaped
     EXPECT_TRUE(has(z({"info", d + "/binary"}).out, R"(magic:           "\xff\xc3(\x80XOQ ")"));
     const std::string before = names_in(d);
@@ -179,9 +167,9 @@ int interrupted_status(const std::vector<std::string> &args, const std::string &
 }  // namespace
 
 // The findings of a hostile review, one row each: a co-user who rewrites or cuts a file while it
-// is read, plaintext others can read or that an interrupted run leaves, and keys on standard error
-// when /tmp is not writable.  Malleable signatures, configurations that swap a key, FIFOs that
-// hang a run, 4 GiB inputs signed cut short and a verify that trusts any key are rows of
+// is read, and plaintext that an interrupted run leaves.  Malleable signatures, configurations
+// that swap a key, plaintext others can read, keys in any output, FIFOs that hang a run, 4 GiB
+// inputs signed cut short and a verify that trusts any key are checked on the rows of
 // ExitStatusesAndHostileInput, and of Signer.FailuresPrintTheirCascadeAndWriteNothing.
 TEST(Zirnimg, HostileConditions)
 {
@@ -207,17 +195,6 @@ TEST(Zirnimg, HostileConditions)
                                                         "0x01000000"});
              return r.status == 5 && has(r.err, "it changed while read") ? "" : r.err;
          }},
-        {"decrypted plaintext is owner-only (and an unsigned image is not)", [&] {
-             const mode_t old = umask(022);
-             const int rc = z({"decrypt", prot, "--cfg", k.nod, "-o", d + "/p2"}).status +
-                            z({"prepare", k.nod, d + "/plain", d + "/u2", "0x01000000"}).status;
-             umask(old);
-             struct stat plain {}, unsig {};
-             stat((d + "/p2").c_str(), &plain), stat((d + "/u2").c_str(), &unsig);
-             const mode_t mode = plain.st_mode & 0777, u_mode = unsig.st_mode & 0777;
-             if (rc == 0 && mode == 0600 && u_mode == 0644) return std::string();
-             return "modes " + std::to_string(mode) + ", " + std::to_string(u_mode);
-         }},
         {"an interrupted run leaves nothing and exits 128 + signal", [&] {
              const std::string sub = d + "/int";
              std::filesystem::create_directory(sub);
@@ -229,25 +206,6 @@ TEST(Zirnimg, HostileConditions)
                  if (st != 128 + sig || !names_in(sub).empty())
                      r += std::to_string(sig) + ": " + std::to_string(st) + " " + names_in(sub);
              }
-             return r;
-         }},
-        {"no key reaches any stream, /tmp read-only", [&] {
-             const std::string ns = "mount -t tmpfs -o ro tmpfs /tmp && exec \"$0\" \"$@\"",
-                               local = std::filesystem::current_path() / "hostile.cfg";
-             if (zt::run("/usr/bin/unshare", {"-rm", "sh", "-c", ns, "true"}).status != 0)
-                 return std::cout << "[ SKIPPED  ] no private mount namespace\n", std::string();
-             std::string r;
-             for (const std::string tail : {"DEC_PARAM = 0x12\n", ""}) {
-                 zt::write_file(local, k.text + tail);
-                 const zt::Run run = zt::run("/usr/bin/unshare", {"-rm", "sh", "-c", ns,
-                                                                  ZIRNIMG_EXE, "pubhash", "--cfg",
-                                                                  local});
-                 const std::string all = run.out + run.err;
-                 if (run.status != (tail.empty() ? 0 : 6) || zt::holds(all, zt::kAesKey) ||
-                     zt::holds(all, zt::test_key(0).d))
-                     r += "status " + std::to_string(run.status) + ": " + run.err;
-             }
-             std::filesystem::remove(local);
              return r;
          }},
     };
