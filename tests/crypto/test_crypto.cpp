@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <numeric>
 
 #include <openssl/evp.h>
 
@@ -87,10 +86,9 @@ __attribute__((noinline)) bool stack_holds(const Bytes *needle)
 TEST(Aes, Fips197ExamplesAndKeySchedules)
 {
 #if defined(__x86_64__)
-    std::ifstream cpuinfo("/proc/cpuinfo");  // the kernel's account of the processor's features
-    std::string flags;
-    while (std::getline(cpuinfo, flags) && flags.rfind("flags", 0) != 0) {
-    }
+    std::string flags;  // the kernel's account of the processor's features
+    for (std::ifstream in("/proc/cpuinfo"); std::getline(in, flags) && !flags.starts_with("flags");)
+        continue;
     const auto has = [&](std::string f) { return (flags + ' ').find(' ' + f + ' ') != f.npos; };
     const bool sha = has("sha_ni") && has("sse4_1") && has("ssse3");
     EXPECT_EQ(std::pair(crypto_aes_accelerated(), crypto_sha256_accelerated()),
@@ -111,25 +109,18 @@ TEST(Aes, Fips197ExamplesAndKeySchedules)
     }
     for (const auto &c : kat()["fips197_key_expansion"]) {
         const Bytes key = hexv(c["key"]);
-        std::vector<uint32_t> want, rk, rk128(45, 0xdeadbeef);
+        const int bits = c.value("bits", int(key.size() * 8));
+        std::vector<uint32_t> want, rk, dk, rk128(45, 0xdeadbeef);
         for (const std::string w : c["words"]) want.push_back(uint32_t(std::stoul(w, nullptr, 16)));
         want.push_back(0xdeadbeef);  // the word after the schedule stays untouched
-        rk.assign(want.size(), 0xdeadbeef);
-        const int rounds = int(want.size() / 4) - 1;
-        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), int(key.size() * 8)), rounds);
+        rk.assign(want.size(), 0xdeadbeef), dk = rk;
+        const int rounds = c.value("rounds", int(want.size() / 4) - 1);
+        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), bits), rounds);
         EXPECT_EQ(rk, want);
+        // an unsupported length: the same answer from the decryption schedule's setup
+        EXPECT_TRUE(rounds || (!rijndaelKeySetupDec(dk.data(), key.data(), bits) && dk == want));
         EXPECT_TRUE(key.size() != 16 ||
                     (rijndaelKeySetupEnc128(rk128.data(), key.data()) == 10 && rk128 == want));
-    }
-    // Unsupported lengths return 0 after loading the eight key words, and write nothing more.
-    Bytes key(32);
-    std::iota(key.begin(), key.end(), uint8_t(0));
-    for (int bits : {64, 0, 129}) {
-        std::vector<uint32_t> rk(9, 0xdeadbeef), dk(9, 0xdeadbeef), want(9, 0xdeadbeef);
-        for (uint32_t i = 0; i < 8; i++) want[i] = 0x00010203u + 0x04040404u * i;
-        EXPECT_EQ(rijndaelKeySetupEnc(rk.data(), key.data(), bits), 0);
-        EXPECT_EQ(rijndaelKeySetupDec(dk.data(), key.data(), bits), 0);
-        EXPECT_EQ(std::pair(rk, dk), std::pair(want, want));
     }
 }
 

@@ -80,6 +80,4 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         const auto route = zt::printed([&] { return iVerifyZIRNImgSigV10(&hdr, m); });
         EXPECT_EQ(route.first == 0, r.kind == "valid") << r.what;
     }
-    // s + n gives back the block of s: only the refusal before the arithmetic tells them apart.
-    EXPECT_EQ(zt::modexp(zt::plus_n(valid, n), {1, 0, 1}, n), zt::modexp(valid, {1, 0, 1}, n));
 }

@@ -25,11 +25,8 @@ extern "C" int __wrap_fclose(FILE *fp)
 namespace {
 
 const std::string R = "Parsing Line Below =>\n", SKIP = "Skip " + R, V = "IMG_VER = 0x0102",
-                  E = "Error: parsing image version: ",
-                  NULL_ARG = "Error: incorrect input parameter for converting hex string to value"
-                             " buffer\n";
+                  E = "Error: parsing image version: ";
 std::string wrong(char c) { return "Error: wrong characters ("s + c + ") in hex string\n"; }
-std::string prefix(char c) { return "Error: hex string should start by 0x or 0X ("s + c + ")\n"; }
 
 // {result, printed, record in hex} of parsing content.
 using Parsed = std::tuple<int32_t, std::string, std::string>;
@@ -72,27 +69,17 @@ TEST(CfgParse, KeysValuesAndTheirFailures)
                   std::tuple(rc, wrong('\0') + err + "0x" + cut + "\n", record({{off, cut}}, 0)));
         EXPECT_EQ(parse(prefixed), std::tuple(0, R + prefixed, record({{off, v}}, seen)));
     }
-    const std::string skip = "FOO = " + std::string(4089, 'x'), ver = record({{15, "0102"}}, 1);
-    const std::pair<std::string, Parsed> cases[] = {
-        {"# c\r\n   " + V + "\r\n", {0, R + V + "\r\n", ver}},  // CR after the digits, blank indent
-        {"IMG_VER  =  0x0102  0x0304", {0, R + V + "\n", ver}},  // no line end, fourth token
-        {"IMG_VER =\t0x0102\n", {-4, NULL_ARG + E + "(null)\n", record({}, 0)}},  // \t: no blank
-        {"\tIMG_VER = 1\nimg_ver = 1\nFOO =\n\r\n", {0, SKIP + "\tIMG_VER = 1\n" + SKIP + "img_ver"
-             " = 1\n" + SKIP + "FOO =\n (null)\n" + SKIP + "\r\n (null) (null)\n", record({}, 0)}},
-        {"#IMG_VER = 0x0102\n\n   # note\n #\n     \n" + V + "\n    ",
-         {0, "Skip Comment/Empty line (#)\nSkip Comment/Empty line (#\n)\n"
-             "Skip Comment/Empty line (\n)\n" + R + V + "\n", ver}},
-        // stops at the first failure, which keeps what it converted
-        {V + "\nIMG_VER = 0xa0zz\nDEC_PARAM = 0x12\n",
-         {-4, R + V + "\n" + wrong('z') + E + "0xa0zz\n", record({{15, "a002"}}, 1)}},
-        // Lines arrive in pieces of at most 4095 characters; a line's text ends at its first NUL.
-        {skip + V + "\n" + V + std::string(4079, ' ') + "\n" + std::string(4096, ' ') + V,
-         {0, SKIP + skip + "\n" + R + V + "\n" + R + V + "\n" + R + V + "\n", ver}},
-        {"\0IMG_VER = 0x0102\n   \0IMG_VER = 0x0102\nIMG_VER = 0x01\0"s + "02\n",
-         {-4, wrong('\0') + E + "0x01\n", record({{15, "01"}}, 0)}},
-    };
-    for (const auto &[content, want] : cases)
-        EXPECT_EQ(parse(content), want) << content.substr(0, 20);
+    // Lines arrive in pieces of at most 4095 characters; the rest of the rows are data.
+    const std::string skip = "FOO = " + std::string(4089, 'x'), pad(4079, ' ');
+    EXPECT_EQ(parse(skip + V + "\n" + V + pad + "\n" + std::string(4096, ' ') + V),
+              Parsed(0, SKIP + skip + "\n" + R + V + "\n" + R + V + "\n" + R + V + "\n",
+                     record({{15, "0102"}}, 1)));
+    for (const auto &c : zt::load_vectors("parser_cases.json")["cfg_parse"]) {
+        std::vector<std::pair<size_t, std::string>> at;
+        for (const auto &[off, hex] : c["fields"].items()) at.emplace_back(std::stoul(off), hex);
+        EXPECT_EQ(parse(c["content"]), Parsed(c["result"], c["printed"], record(at, c["seen"])))
+            << c["why"];
+    }
 }
 
 // Null arguments, a folder (not a regular file: refused as unopenable), and a close that fails,
@@ -139,25 +126,18 @@ TEST(CfgParse, LeavesNoTextOfTheSecretsBehind)
     }
 }
 
+// The rows are in tests/vectors/parser_cases.json.
 TEST(HexConv, ResultCodesMessagesAndBytes)
 {
-    zt::Bytes buf(4, 0xee);
-    const std::tuple<const char *, uint8_t *, int32_t, int32_t, std::string, std::string> rows[] = {
-        {nullptr, buf.data(), 1, -1, NULL_ARG, "eeeeeeee"},
-        {"0x00", nullptr, 1, -1, NULL_ARG, "eeeeeeee"},
-        {"0x00", buf.data(), -1, -1, NULL_ARG, "eeeeeeee"},
-        {"", buf.data(), 1, -2, prefix('\0'), "eeeeeeee"},
-        {"0", buf.data(), 1, -3, prefix('\0'), "eeeeeeee"},
-        {"1x", buf.data(), 0, -2, prefix('1'), "eeeeeeee"},
-        {"0x1234g6", buf.data(), 3, -4, wrong('g'), "1234eeee"},
-        {"0x123", buf.data(), 2, -4, wrong('\0'), "12eeeeee"},  // a byte is stored once complete
-        {"0XABCDEF01", buf.data(), 4, 0, "", "abcdef01"},
-    };
-    for (const auto &[str, out_buf, len, rc, out, bytes] : rows) {
-        buf.assign(4, 0xee);
-        const auto conv = [s = str, b = out_buf, n = len] { return iConvHexStrToValBuf(s, b, n); };
-        EXPECT_EQ(zt::printed(conv), std::pair(rc, out));
-        EXPECT_EQ(zt::to_hex(buf), bytes);
+    for (const auto &c : zt::load_vectors("parser_cases.json")["hex_conv"]) {
+        zt::Bytes buf(4, 0xee);
+        const std::string text = c["text"].is_null() ? "" : c["text"];
+        const char *t = c["text"].is_null() ? nullptr : text.c_str();
+        uint8_t *b = c["buffer"] ? buf.data() : nullptr;
+        const auto conv = [&] { return iConvHexStrToValBuf(t, b, c["len"]); };
+        EXPECT_EQ(zt::printed(conv), std::pair(int32_t(c["result"]), std::string(c["printed"])))
+            << c;
+        EXPECT_EQ(zt::to_hex(buf), c["bytes"]) << c;
     }
 }
 

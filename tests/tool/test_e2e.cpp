@@ -98,12 +98,12 @@ TEST(Signer, ProtectsImagesOfEverySize)
                       zt::to_hex(job.rsa.n) + le(mem));
         EXPECT_EQ(zt::cipher("AES-128-CBC", job.key, job.iv, zt::slice(file, 576, p), 0), padded);
         EXPECT_TRUE(zt::image_verifies(file, zt::slice(file, 60, 256)));
-        const Bytes em = zt::modexp(zt::slice(file, 316, 256), job.rsa.e, job.rsa.n);
+        const Bytes em = zt::modexp(zt::slice(file, 316, 256), job.rsa.e, job.rsa.n),
+                    hash = zt::sha256(zt::signed_part(file));
         EXPECT_EQ(r.out, job.head(sz + " (" + echo + ")", job.in) + "Hash for zirn header + image:"
-                  "\n0x" + zt::to_hex(zt::sha256(zt::signed_part(file))) + "\nPKCS#1 PSS for hash of zirn"
-                  " image:\n0x" + zt::to_hex(em) + "\nSucceed to verify the signature of zirn image"
-                  "\nSucceed to protect zirn image binary file (" + job.in + " -> " + job.out +
-                  ")!!!\n");
+                  "\n0x" + zt::to_hex(hash) + "\nPKCS#1 PSS for hash of zirn image:\n0x" +
+                  zt::to_hex(em) + "\nSucceed to verify the signature of zirn image\nSucceed to "
+                  "protect zirn image binary file (" + job.in + " -> " + job.out + ")!!!\n");
     }
 }
 
