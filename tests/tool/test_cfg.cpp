@@ -74,7 +74,7 @@ TEST(CfgParse, KeysValuesAndTheirFailures)
     EXPECT_EQ(parse(skip + V + "\n" + V + pad + "\n" + std::string(4096, ' ') + V),
               Parsed(0, SKIP + skip + "\n" + R + V + "\n" + R + V + "\n" + R + V + "\n",
                      record({{15, "0102"}}, 1)));
-    for (const auto &c : zt::load_vectors("parser_cases.json")["cfg_parse"]) {
+    for (const auto v = zt::load_vectors("parser_cases.json"); const auto &c : v["cfg_parse"]) {
         std::vector<std::pair<size_t, std::string>> at;
         for (const auto &[off, hex] : c["fields"].items()) at.emplace_back(std::stoul(off), hex);
         EXPECT_EQ(parse(c["content"]), Parsed(c["result"], c["printed"], record(at, c["seen"])))
@@ -129,7 +129,7 @@ TEST(CfgParse, LeavesNoTextOfTheSecretsBehind)
 // The rows are in tests/vectors/parser_cases.json.
 TEST(HexConv, ResultCodesMessagesAndBytes)
 {
-    for (const auto &c : zt::load_vectors("parser_cases.json")["hex_conv"]) {
+    for (const auto v = zt::load_vectors("parser_cases.json"); const auto &c : v["hex_conv"]) {
         zt::Bytes buf(4, 0xee);
         const std::string text = c["text"].is_null() ? "" : c["text"];
         const char *t = c["text"].is_null() ? nullptr : text.c_str();

@@ -113,7 +113,8 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
     const zt::Vars vars = {
         {"$D", d}, {"$P", prot}, {"$U", u}, {"$N", k.nod}, {"$F", k.cfg}, {"$X", k.other},
         {"$K", kh}, {"$O", "out"}, {"$V", ZIRN_VECTORS_DIR}, {"$E", dev_pem},
-        {"$W", d + "/\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"}};
+        {"$W", d + "/\xE0\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"},
+        {"$Y", d + "/\xE0\xA0\x80\xF0\x90\x80\x80"}};
     std::vector<std::tuple<std::vector<std::string>, int, std::string>> rows;
     for (const zt::Words &w : zt::load_rows("zirnimg_exit_rows.txt", vars)) {
         if (w[0] != "image") {
@@ -125,7 +126,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
         zt::write_file(d + "/" + w[1], b);
         if (w.size() > 4) std::filesystem::resize_file(d + "/" + w[1], std::stoul(w[4]));
     }
-    ASSERT_EQ(rows.size(), 73u);  // the file was read whole
+    ASSERT_EQ(rows.size(), 74u);  // the file was read whole
     // info shows the magic whole, with what is not printable escaped
     EXPECT_TRUE(has(z({"info", d + "/binary"}).out, R"(magic:           "\xff\xc3(\x80XOQ ")"));
     const std::string before = names_in(d);
