@@ -32,7 +32,7 @@ std::string first_match(const std::string &pattern)
 
 // Adds "padded": the development key's public half with a zero byte before its modulus and its
 // exponent, as some tokens give them.
-void add_padded_key(const std::string &module)
+void add_padded_key([[maybe_unused]] const std::string &module)
 {
 #ifdef CKA_MODULUS
     CK_FUNCTION_LIST *f = nullptr;
