@@ -82,6 +82,9 @@ Token::Token() : dir(temp_dir())
     for (auto [k, id, name] : {std::tuple{"rsa:2048", "01", "k1"}, {"rsa:1024", "02", "small"}})
         sh("/usr/bin/pkcs11-tool", {"--module", module, "--login", "--pin", "123456",
                                     "--keypairgen", "--key-type", k, "--id", id, "--label", name});
+    // small keeps only its private half: commands that need the modulus alone log in to find it
+    sh("/usr/bin/pkcs11-tool", {"--module", module, "--login", "--pin", "123456",
+                                "--delete-object", "--type", "pubkey", "--label", "small"});
     add_padded_key(module);
     server = fork();
     if (server == 0) {

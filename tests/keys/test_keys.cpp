@@ -3,15 +3,46 @@
 // fit two keys or two tokens, and helpers that flood their output or cannot be executed.
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include "keys_internal.h"
 #include "keysource.h"
 #include "oracle.h"
 #include "token.h"
 
 using zk::KeyErr;
 using zt::Bytes;
+
+namespace {
+
+// getrandom as the key sources see it: the system's, interrupted before every second call, or
+// failing.
+enum class Random { system, interrupted, failing } g_random = Random::system;
+const char *g_secret = nullptr;  // while set, each block released is searched for it
+bool g_leaked = false;
+
+void release(void *p)
+{
+    if (p != nullptr && g_secret != nullptr)
+        g_leaked |= memmem(p, malloc_usable_size(p), g_secret, strlen(g_secret)) != nullptr;
+    free(p);
+}
+
+}  // namespace
+
+extern "C" ssize_t getrandom(void *buf, size_t len, unsigned flags)
+{
+    static bool odd = false;
+    if (g_random == Random::failing || (g_random == Random::interrupted && (odd = !odd)))
+        return errno = g_random == Random::failing ? ENOSYS : EINTR, -1;
+    return syscall(SYS_getrandom, buf, len, flags);
+}
+void *operator new(size_t n) { return malloc(n ? n : 1) ?: throw std::bad_alloc(); }
+void operator delete(void *p) noexcept { release(p); }
+void operator delete(void *p, size_t) noexcept { release(p); }
 
 namespace {
 
@@ -35,17 +66,41 @@ TEST(Keys, RawKeys)
     const zt::RsaKey &k = zt::test_key(0);
     Bytes no_top = k.n, zero(256, 0);
     no_top[0] = 0x7f;
-    const std::tuple<const Bytes &, const Bytes &, KeyErr> rows[] = {  // n, d, result
-        {k.n, k.d, KeyErr::ok},
-        {no_top, k.d, KeyErr::unsupported_key},  // 2047 bits
-        {k.n, zero, KeyErr::unsupported_key},    // a configuration without AUTH_PARAM_D
+    const std::tuple<const Bytes &, const Bytes &, Random, KeyErr> rows[] = {  // n, d, salt, result
+        {k.n, k.d, Random::system, KeyErr::ok},
+        {k.n, k.d, Random::interrupted, KeyErr::ok},
+        {k.n, k.d, Random::failing, KeyErr::sign_failed},  // never a salt from elsewhere
+        {no_top, k.d, Random::system, KeyErr::unsupported_key},  // 2047 bits
+        {k.n, zero, Random::system, KeyErr::unsupported_key},  // a configuration without D
     };
-    for (const auto &[n, d, want] : rows) {
+    for (const auto &[n, d, random, want] : rows) {
         std::unique_ptr<zk::Key> key;
-        EXPECT_EQ(zk::open_raw_key(n.data(), d.data(), &key).kind, want);
-        if (!key) continue;
+        zk::KeyError e = zk::open_raw_key(n.data(), d.data(), &key);
+        uint8_t sig[256];
+        g_random = random;
+        if (key) e = key->sign(n.data(), {}, sig);
+        EXPECT_EQ(e.kind, want) << e.message;
+        if (e) continue;
         EXPECT_NE(expect_signs(*key, "raw"), expect_signs(*key, "raw"));  // a fresh salt each time
     }
+    g_random = Random::system;
+}
+
+// A passphrase file's bytes are wiped before their block is released; with standard input
+// closed (as under cron) the file is opened as descriptor 0.
+TEST(Keys, PassphraseFilesLeaveNoCopy)
+{
+    const std::string path = zt::temp_dir() + "/pass", text = "Zq8;pass\r\nnext line\n";
+    zt::write_file(path, text);
+    zk::detail::Secret s;
+    const int in = dup(0);
+    close(0);
+    g_secret = text.c_str();
+    const zk::KeyError e = zk::detail::get_secret("file:" + path, "passphrase", &s);
+    g_secret = nullptr;
+    dup2(in, 0), close(in);
+    EXPECT_EQ(std::tuple(e.kind, std::string(s.text, s.len), g_leaked),
+              std::tuple(KeyErr::ok, std::string("Zq8;pass"), false)) << e.message;
 }
 
 TEST(Keys, TokenMechanismsAndAmbiguousUris)
@@ -57,7 +112,7 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
     const std::tuple<std::string, std::string, KeyErr> rows[] = {  // mechanisms, URI, result
         {"CKM_SHA256_RSA_PKCS_PSS", k1, KeyErr::ok},  // the token hashes the pieces itself
         {"CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS", k1, KeyErr::mechanism},
-        {"ALL", "pkcs11:token=zirn" + q, KeyErr::not_found},  // k1 and small
+        {"ALL", "pkcs11:token=zirn" + q, KeyErr::not_found},  // k1 and padded
         {"ALL", "pkcs11:object=k1" + q, KeyErr::token},       // zirn and SoftHSM2's free slot
     };
     for (const auto &[mechanisms, uri, want] : rows) {
@@ -66,7 +121,9 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
         std::unique_ptr<zk::Key> key;
         const zk::KeyError e = zk::open_key(uri, {}, &key);
         EXPECT_EQ(e.kind, want) << uri << ": " << e.message;
-        if (key) expect_signs(*key, mechanisms);
+        if (!key) continue;
+        expect_signs(*key, mechanisms);
+        EXPECT_EQ(key->describe(), "PKCS#11 key k1 on token zirn");
     }
     setenv("SOFTHSM2_CONF", (t.dir + "/softhsm2.conf").c_str(), 1);
 }

@@ -38,7 +38,7 @@ void expect_run(const std::vector<std::string> &args, int status, const std::str
         {"decrypt", {"output", "plain_size"}}, {"pubhash", {"key_hash"}},
         {"prepare", {"unsigned_image", "digest"}}, {"stitch", {"output"}},
         {"sign", {"output", "key", "key_hash", "digest"}},
-        {"keycfg", {"output", "key_hash", "private_exponent"}}};
+        {"keycfg", {"output", "key", "key_hash", "private_exponent"}}};
     static const char *const kinds[] = {"ok", "bad_signature", "usage", "key_mismatch",  // by code
         "bad_image", "io", "bad_config", "bad_input", "key_module", "key_token", "key_pin",
         "key_not_found", "key_unsupported", "key_mechanism", "sign_failed", "unavailable"};
