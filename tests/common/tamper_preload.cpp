@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -51,13 +50,4 @@ extern "C" ssize_t read(int fd, void *buf, size_t len)
     const ssize_t n = real(fd, buf, len);
     vTamper(fd, n);
     return n;
-}
-
-extern "C" size_t fread(void *buf, size_t size, size_t n, FILE *fp)
-{
-    static auto real = reinterpret_cast<decltype(&fread)>(dlsym(RTLD_NEXT, "fread"));
-    vTamper(fileno(fp), -1);
-    const size_t got = real(buf, size, n, fp);
-    vTamper(fileno(fp), (long long)(got * size));
-    return got;
 }

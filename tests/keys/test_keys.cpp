@@ -1,11 +1,10 @@
 // The key sources where zirnimg cannot show them (tests/zirnimg/test_sign.cpp runs every source
-// end to end): fresh salts, a token that hashes the message pieces itself or has no PSS, URIs that
-// fit two keys or two tokens, and helpers that flood their output or cannot be executed.
+// end to end): fresh salts and a system without randomness, passphrase files in memory, a token
+// that hashes the message pieces itself or has no PSS, and a helper reaped unseen.
 #include <gtest/gtest.h>
 
 #include <malloc.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "keys_internal.h"
@@ -31,6 +30,17 @@ void release(void *p)
     free(p);
 }
 
+// Signs "zirn", handed over in two pieces; OpenSSL checks the signature under the key's modulus.
+Bytes expect_signs(zk::Key &key, const std::string &row)
+{
+    const Bytes msg = {'z', 'i', 'r', 'n'}, n(key.modulus(), key.modulus() + 256);
+    const std::span<const uint8_t> all(msg);
+    Bytes sig(256);
+    const auto e = key.sign(zt::sha256(msg).data(), {all.first(1), all.subspan(1)}, sig.data());
+    EXPECT_TRUE(!e && zt::pss_verify(n, msg, sig)) << row << ": " << e.message;
+    return sig;
+}
+
 }  // namespace
 
 extern "C" ssize_t getrandom(void *buf, size_t len, unsigned flags)
@@ -43,23 +53,6 @@ extern "C" ssize_t getrandom(void *buf, size_t len, unsigned flags)
 void *operator new(size_t n) { return malloc(n ? n : 1) ?: throw std::bad_alloc(); }
 void operator delete(void *p) noexcept { release(p); }
 void operator delete(void *p, size_t) noexcept { release(p); }
-
-namespace {
-
-// Signs "zirn", handed over in two pieces; OpenSSL checks the signature under the key's modulus.
-Bytes expect_signs(zk::Key &key, const std::string &row)
-{
-    const Bytes msg = {'z', 'i', 'r', 'n'}, digest = zt::sha256(msg);
-    const std::span<const uint8_t> all(msg);
-    uint8_t sig[256];
-    const zk::KeyError e = key.sign(digest.data(), {all.first(1), all.subspan(1)}, sig);
-    EXPECT_FALSE(e) << row << ": " << e.message;
-    const Bytes s(sig, sig + 256), n(key.modulus(), key.modulus() + 256);
-    EXPECT_TRUE(zt::pss_accepts_em(digest, zt::modexp(s, {1, 0, 1}, n), 2048)) << row;
-    return s;
-}
-
-}  // namespace
 
 TEST(Keys, RawKeys)
 {
@@ -76,9 +69,8 @@ TEST(Keys, RawKeys)
     for (const auto &[n, d, random, want] : rows) {
         std::unique_ptr<zk::Key> key;
         zk::KeyError e = zk::open_raw_key(n.data(), d.data(), &key);
-        uint8_t sig[256];
         g_random = random;
-        if (key) e = key->sign(n.data(), {}, sig);
+        if (uint8_t sig[256]; key) e = key->sign(n.data(), {}, sig);
         EXPECT_EQ(e.kind, want) << e.message;
         if (e) continue;
         EXPECT_NE(expect_signs(*key, "raw"), expect_signs(*key, "raw"));  // a fresh salt each time
@@ -103,7 +95,7 @@ TEST(Keys, PassphraseFilesLeaveNoCopy)
               std::tuple(KeyErr::ok, std::string("Zq8;pass"), false)) << e.message;
 }
 
-TEST(Keys, TokenMechanismsAndAmbiguousUris)
+TEST(Keys, TokenMechanisms)
 {
     const zt::Token &t = zt::token();
     if (!t.skip.empty()) GTEST_SKIP() << t.skip;
@@ -112,8 +104,6 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
     const std::tuple<std::string, std::string, KeyErr> rows[] = {  // mechanisms, URI, result
         {"CKM_SHA256_RSA_PKCS_PSS", k1, KeyErr::ok},  // the token hashes the pieces itself
         {"CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS", k1, KeyErr::mechanism},
-        {"ALL", "pkcs11:token=zirn" + q, KeyErr::not_found},  // k1 and padded
-        {"ALL", "pkcs11:object=k1" + q, KeyErr::token},       // zirn and SoftHSM2's free slot
     };
     for (const auto &[mechanisms, uri, want] : rows) {
         zt::write_file(conf, t.conf + "slots.mechanisms = " + mechanisms + "\n");
@@ -128,33 +118,16 @@ TEST(Keys, TokenMechanismsAndAmbiguousUris)
     setenv("SOFTHSM2_CONF", (t.dir + "/softhsm2.conf").c_str(), 1);
 }
 
-TEST(Keys, SigningHelpers)
+// SIGCHLD ignored by the caller reaps a helper unseen: how it ended is unknown, its output unused.
+TEST(Keys, HelperReapedUnseenIsNotTrusted)
 {
     const Bytes &n = zt::test_key(0).n;
-    const std::string flood = zt::temp_dir() + "/flood", zeros = flood + ".256";
-    zt::write_file(flood, "head -c 5000000 /dev/zero\n");  // no #! line: only sh runs it
+    const std::string zeros = zt::temp_dir() + "/zeros";  // 256 bytes: once seen ended, a signature
     zt::write_file(zeros, "head -c 256 /dev/zero\n");
-    ASSERT_EQ(chmod(flood.c_str(), 0700), 0);
-    const struct {
-        std::string cmd;
-        KeyErr open, sign;
-        void (*sigchld)(int) = SIG_DFL;
-    } rows[] = {
-        {"sh \t" + flood, KeyErr::ok, KeyErr::sign_failed},  // more than a pipe holds: no deadlock
-        {flood, KeyErr::ok, KeyErr::not_found},               // the exec itself fails
-        {flood + ".missing", KeyErr::not_found, KeyErr::ok},
-        {"zirn-no-such-helper", KeyErr::not_found, KeyErr::ok},
-        {" \t", KeyErr::usage, KeyErr::ok},
-        {"sh " + zeros, KeyErr::ok, KeyErr::ok},
-        // SIGCHLD ignored reaps the helper unseen: how it ended is unknown, its output unused
-        {"sh " + zeros, KeyErr::ok, KeyErr::sign_failed, SIG_IGN},
-    };
-    for (const auto &r : rows) {
-        std::unique_ptr<zk::Key> key;
-        ASSERT_EQ(zk::open_helper_key(r.cmd, n.data(), &key).kind, r.open) << r.cmd;
-        uint8_t sig[256];
-        signal(SIGCHLD, r.sigchld);
-        EXPECT_TRUE(!key || key->sign(n.data(), {}, sig).kind == r.sign) << r.cmd;
-        signal(SIGCHLD, SIG_DFL);
-    }
+    std::unique_ptr<zk::Key> key;
+    ASSERT_EQ(zk::open_helper_key("sh \t" + zeros, n.data(), &key).kind, KeyErr::ok);
+    uint8_t sig[256];
+    signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(key->sign(n.data(), {}, sig).kind, KeyErr::sign_failed);
+    signal(SIGCHLD, SIG_DFL);
 }

@@ -40,13 +40,10 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
     while (!sha256_layout(lookalike)) lookalike = pss(20, "SHA1");
     random[0] = 0x01;
     n_minus_1[255]--;  // n is odd
-    struct Row {
-        const char *what;
-        Bytes sig, checked;
-        std::string kind;
-        int32_t salt;
-        std::string mgf1, says;
-    };
+    Bytes not_v15(256, 0xFF), all_ff(256, 0xFF);  // 01 01 FF.. 00 .., and 00 01 FF.. without 00
+    not_v15[0] = not_v15[1] = all_ff[1] = 0x01, not_v15[100] = all_ff[0] = 0;
+    const auto raw = [&](const Bytes &em) { return zt::modexp(em, zt::test_key(kKey).d, n); };
+    using Row = std::tuple<const char *, Bytes, Bytes, std::string, int, std::string, std::string>;
     const Row rows[] = {
         {"valid", valid, md, "valid", 32, "SHA-256", "verifies"},
         {"PKCS#1 v1.5", pss(-1), md, "pkcs1_v1_5", -1, "", "PKCS#1 v1.5"},
@@ -61,23 +58,25 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
         {"another key", foreign, md, "wrong_key", -1, "", "another key"},
         {"random below n", random, md, "wrong_key", -1, "", "another key"},
         {"n - 1", n_minus_1, md, "wrong_key", -1, "", "another key"},
+        {"PKCS#1 v1.5 but 01 first", raw(not_v15), md, "wrong_key", -1, "", "another key"},
+        {"00 01 and FF to the end", raw(all_ff), md, "wrong_key", -1, "", "another key"},
         {"s = n", n, md, "signature_not_below_modulus", -1, "", "modulus"},
         {"s + n", zt::plus_n(valid, n), md, "signature_not_below_modulus", -1, "", "modulus"},
     };
-    for (const auto &r : rows) {
+    for (const auto &[what, signature, checked, kind, salt, mgf1_hash, says] : rows) {
         ZirnSigDiag d{};
-        const uint8_t *sig = r.sig.data(), *m = r.checked.data();
+        const uint8_t *sig = signature.data(), *m = checked.data();
         const auto diagnose = [&] { d = stDiagnoseZIRNImgSigV10(n.data(), sig, m); };
-        EXPECT_EQ(zt::capture_stdout(diagnose), "") << r.what;
+        EXPECT_EQ(zt::capture_stdout(diagnose), "") << what;
         const std::string mgf1 = d.mgf1_hash ? d.mgf1_hash : "", text = sZIRNSigDiagTextV10(d);
         const auto got = std::tuple(pcZIRNSigDiagNameV10(d.kind), d.salt_len, mgf1);
-        EXPECT_EQ(got, std::tuple(r.kind, r.salt, r.mgf1)) << r.what;
-        EXPECT_NE(text.find(r.says), std::string::npos) << r.what << ": " << text;
+        EXPECT_EQ(got, std::tuple(kind, salt, mgf1_hash)) << what;
+        EXPECT_NE(text.find(says), std::string::npos) << what << ": " << text;
         if (!bZIRNSigBelowModulusV10(n.data(), sig)) continue;
         ImgProtHdr hdr{};
         memcpy(hdr.auth_n, n.data(), 256);
         memcpy(hdr.auth_sig, sig, 256);
         const auto route = zt::printed([&] { return iVerifyZIRNImgSigV10(&hdr, m); });
-        EXPECT_EQ(route.first == 0, r.kind == "valid") << r.what;
+        EXPECT_EQ(route.first == 0, kind == "valid") << what;
     }
 }

@@ -17,14 +17,12 @@ inline bool has(const std::string &s, const std::string &piece) { return s.find(
 // text holds the start of secret, in hex of either case.
 bool holds(const std::string &text, const Bytes &secret);
 
-// Runs zirnimg with args, then with args and --json, each in a fresh working folder holding only
-// kept.cfg: the status; message in standard error without --json (a success with no message
-// says nothing there); no secret in any output; a failure leaves the folder as it was (no
-// output, no temporary file); a success's outputs are owner-only exactly where they hold secrets
-// (umask 022), and check judges the rest.  --json gives one document on one
-// line whatever the outcome: the command's documented members on success (key_hash when given),
-// on failure the error's kind and standard error's message, and a diagnosis exactly when the
-// signature does not verify.
+// Runs zirnimg with args, then with args and --json, each in a fresh folder holding only kept.cfg:
+// the status; message on standard error (nothing there on a plain success); no secret in any
+// output; a failure leaves the folder as it was; a success's outputs owner-only exactly where
+// they hold secrets (umask 022), check judging the rest.  --json: one document on one line, with
+// the documented members on success (key_hash when given), else the error's kind and standard
+// error's message, and a diagnosis exactly when the signature does not verify.
 void expect_run(const std::vector<std::string> &args, int status, const std::string &message,
                 const std::string &key_hash = "",
                 const std::function<void(const Run &)> &check = {});
