@@ -1,6 +1,5 @@
 // The key sources where zirnimg cannot show them (tests/zirnimg/test_sign.cpp runs every source
-// end to end): fresh salts and a system without randomness, passphrase files in memory, a token
-// that hashes the message pieces itself or has no PSS, and a helper reaped unseen.
+// end to end): salts, passphrase files in memory, token mechanisms, a helper reaped unseen.
 #include <gtest/gtest.h>
 
 #include <malloc.h>
@@ -95,22 +94,20 @@ TEST(Keys, PassphraseFilesLeaveNoCopy)
               std::tuple(KeyErr::ok, std::string("Zq8;pass"), false)) << e.message;
 }
 
+// A token without CKM_RSA_PKCS_PSS, which hashes the message pieces itself, and one without PSS.
 TEST(Keys, TokenMechanisms)
 {
     const zt::Token &t = zt::token();
     if (!t.skip.empty()) GTEST_SKIP() << t.skip;
-    const std::string q = "?module-path=" + t.module + "&pin-value=123456",
-                      k1 = "pkcs11:token=zirn;object=k1" + q, conf = t.dir + "/rows.conf";
-    const std::tuple<std::string, std::string, KeyErr> rows[] = {  // mechanisms, URI, result
-        {"CKM_SHA256_RSA_PKCS_PSS", k1, KeyErr::ok},  // the token hashes the pieces itself
-        {"CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS", k1, KeyErr::mechanism},
-    };
-    for (const auto &[mechanisms, uri, want] : rows) {
+    const std::string conf = t.dir + "/rows.conf";
+    const std::string k1 = "pkcs11:token=zirn;object=k1?pin-value=123456&module-path=" + t.module;
+    for (auto [mechanisms, want] : {std::pair{"CKM_SHA256_RSA_PKCS_PSS", KeyErr::ok},
+                                    {"CKM_RSA_PKCS,CKM_SHA256_RSA_PKCS", KeyErr::mechanism}}) {
         zt::write_file(conf, t.conf + "slots.mechanisms = " + mechanisms + "\n");
         setenv("SOFTHSM2_CONF", conf.c_str(), 1);
         std::unique_ptr<zk::Key> key;
-        const zk::KeyError e = zk::open_key(uri, {}, &key);
-        EXPECT_EQ(e.kind, want) << uri << ": " << e.message;
+        const zk::KeyError e = zk::open_key(k1, {}, &key);
+        EXPECT_EQ(e.kind, want) << mechanisms << ": " << e.message;
         if (!key) continue;
         expect_signs(*key, mechanisms);
         EXPECT_EQ(key->describe(), "PKCS#11 key k1 on token zirn");
