@@ -43,6 +43,7 @@ TEST(SigDiag, EachWrongParameterHasItsOwnAnswer)
     Bytes not_v15(256, 0xFF), all_ff(256, 0xFF);  // 01 01 FF.. 00 .., and 00 01 FF.. without 00
     not_v15[0] = not_v15[1] = all_ff[1] = 0x01, not_v15[100] = all_ff[0] = 0;
     const auto raw = [&](const Bytes &em) { return zt::modexp(em, zt::test_key(kKey).d, n); };
+    // what, signature, digest checked, kind, salt length, MGF1 hash, words of the text
     using Row = std::tuple<const char *, Bytes, Bytes, std::string, int, std::string, std::string>;
     const Row rows[] = {
         {"valid", valid, md, "valid", 32, "SHA-256", "verifies"},
