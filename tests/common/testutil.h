@@ -39,10 +39,9 @@ inline Bytes slice(const Bytes &b, size_t off, size_t n)
 
 // A JSON file of tests/vectors.
 nlohmann::json load_vectors(const std::string &name);
-// The rows of a text file of tests/vectors: one row a line, words as in a shell ("..." quotes a
-// word), '#' and blank lines skipped; each name of vars (such as "$D") replaced by its value first.
-// The lines after a row that start with "| " are its text, one more word: the rest of each line
-// and a new line.
+// The rows of a text file of tests/vectors: one a line, words as in a shell ("..." quotes one),
+// '#' and blank lines skipped, each name of vars (such as "$D") replaced by its value first; the
+// lines after a row that start with "| " are its text, one more word (each line's rest and a LF).
 using Words = std::vector<std::string>;
 using Vars = std::map<std::string, std::string>;
 std::vector<Words> load_rows(const std::string &name, const Vars &vars);

@@ -7,10 +7,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <dlfcn.h>
+
 #include <cstdio>
 #include <tuple>
 
 #include "keysource.h"
+#include "oracle.h"
+#if __has_include(<p11-kit-1/p11-kit/pkcs11.h>)
+#include <p11-kit-1/p11-kit/pkcs11.h>
+#endif
 
 namespace zt {
 
@@ -22,6 +28,30 @@ std::string first_match(const std::string &pattern)
     std::string r = glob(pattern.c_str(), 0, nullptr, &g) == 0 ? g.gl_pathv[0] : "";
     globfree(&g);
     return r;
+}
+
+// Adds "padded": the development key's public half with a zero byte before its modulus and its
+// exponent, as some tokens give them.
+void add_padded_key([[maybe_unused]] const std::string &module)
+{
+#ifdef CKA_MODULUS
+    CK_FUNCTION_LIST *f = nullptr;
+    const auto get = (CK_C_GetFunctionList)dlsym(dlopen(module.c_str(), RTLD_NOW),
+                                                 "C_GetFunctionList");
+    CK_SLOT_ID slot[8];  // the token first, then the free slot
+    CK_ULONG count = 8, cls = CKO_PUBLIC_KEY, type = CKK_RSA, s = 0;
+    CK_BBOOL yes = CK_TRUE;
+    Bytes n = test_key(0).n, e = {0, 1, 0, 1}, label = {'p', 'a', 'd', 'd', 'e', 'd'};
+    n.insert(n.begin(), 0);
+    CK_ATTRIBUTE a[] = {{CKA_CLASS, &cls, sizeof cls}, {CKA_KEY_TYPE, &type, sizeof type},
+                        {CKA_TOKEN, &yes, 1}, {CKA_LABEL, label.data(), 6},
+                        {CKA_MODULUS, n.data(), n.size()}, {CKA_PUBLIC_EXPONENT, e.data(), 4}};
+    ASSERT_TRUE(get && get(&f) == CKR_OK && f->C_Initialize(nullptr) == CKR_OK);
+    EXPECT_TRUE(f->C_GetSlotList(CK_TRUE, slot, &count) == CKR_OK &&
+                f->C_OpenSession(slot[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr,
+                                 &s) == CKR_OK && f->C_CreateObject(s, a, 6, &count) == CKR_OK);
+    f->C_Finalize(nullptr);
+#endif
 }
 
 }  // namespace
@@ -54,6 +84,7 @@ Token::Token() : dir(temp_dir())
     // small keeps only its private half: commands that need the modulus alone log in to find it
     sh("/usr/bin/pkcs11-tool", {"--module", module, "--login", "--pin", "123456",
                                 "--delete-object", "--type", "pubkey", "--label", "small"});
+    add_padded_key(module);
     server = fork();
     if (server == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM);  // never outlives the test program

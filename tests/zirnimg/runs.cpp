@@ -57,8 +57,7 @@ void expect_run(const std::vector<std::string> &args, int status, const std::str
         EXPECT_FALSE(holds(r.out + r.err, kAesKey) || holds(r.out + r.err, test_key(0).d)) << row;
         const bool alone = std::distance(fs::directory_iterator("."), {}) == 1;
         EXPECT_TRUE(r.status == 0 || (alone && read_file("kept.cfg").size() == 5)) << row << "left";
-        // A success's outputs: owner-only where they hold secrets (decrypt's plaintext, keycfg's
-        // configuration), readable by all otherwise.
+        // A success's outputs: owner-only where they hold secrets, readable by all otherwise.
         const bool secret = !args.empty() && (args[0] == "decrypt" || args[0] == "keycfg");
         const auto mode = secret ? fs::perms::owner_read | fs::perms::owner_write : fs::perms(0644);
         for (const auto &e : fs::directory_iterator(".")) {
@@ -86,8 +85,7 @@ void expect_run(const std::vector<std::string> &args, int status, const std::str
             EXPECT_TRUE(args[0] != "info" || doc["consistent"] == doc["problems"].empty()) << r.out;
             continue;
         }
-        // standard error's message, whatever the string had to escape (what is not UTF-8 is
-        // replaced)
+        // standard error's message, escaped (what is not UTF-8 replaced)
         const std::string msg = error.value("message", "");
         EXPECT_TRUE(error["exit_code"] == status && error["kind"] == kinds[status] &&
                     !msg.empty() && (has(r.err, msg) || has(msg, "\uFFFD"))) << r.err << r.out;

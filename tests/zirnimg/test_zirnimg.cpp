@@ -136,8 +136,7 @@ TEST(Zirnimg, ExitStatusesAndHostileInput)
 
 namespace {
 
-// zirnimg run with common/tamper_preload.cpp changing path while it is read (how: the offset of
-// the byte flipped once it has been read, or "cut").
+// zirnimg with common/tamper_preload.cpp changing path as how says (an offset to flip, or "cut").
 zt::Run tampered(const std::string &path, const std::string &how, std::vector<std::string> args)
 {
     const char *asan = getenv("ASAN_OPTIONS");
