@@ -118,7 +118,7 @@ TEST(Keys, TokenMechanisms)
 TEST(Keys, HelperReapedUnseenIsNotTrusted)
 {
     const Bytes &n = zt::test_key(0).n;
-    const std::string zeros = zt::temp_dir() + "/zeros";  // 256 bytes: once seen ended, a signature
+    const std::string zeros = zt::temp_dir() + "/zeros";
     zt::write_file(zeros, "head -c 256 /dev/zero\n");
     std::unique_ptr<zk::Key> key;
     ASSERT_EQ(zk::open_helper_key("sh \t" + zeros, n.data(), &key).kind, KeyErr::ok);

@@ -57,7 +57,7 @@ struct Files {
         for (std::string w : {"pass s3cret", "wrong s3cre7\n", "pin 123456\r\n"})  // any line end
             zt::write_file(d + "/" + w.substr(0, w.find(' ')), w.substr(w.find(' ') + 1));
         zt::write_file(d + "/long", std::string(1024, 'x'));  // a byte more than such a file holds
-        fs::permissions(d + "/long", fs::perms::owner_all);  // and a program no system can start
+        fs::permissions(d + "/long", fs::perms::owner_all);  // and executable, but no program
         setenv("ZIRN_TEST_PASS", "s3cret", 1);
         zt::write_cfg(cfg), zt::write_cfg(nod, 0, true);
         std::mt19937_64 rng(5);
